@@ -1,0 +1,47 @@
+// The exported C frames.  Each is a thin forward to the engine function of
+// its family, filling only the arguments that the exported form fixes.
+#include "api/nuvrix.h"
+#include "trace/trace_core.hpp"
+
+namespace {
+constexpr char kVersion[] = "0.1.0";
+}  // namespace
+
+extern "C" {
+
+const char* nuvrix_version(void) { return kVersion; }
+
+void nuvrix_merit_abi_info(int32_t* out) {
+  if (out == nullptr) return;
+  out[0] = 12;
+  out[1] = 104;
+  out[2] = 14;
+  out[3] = 9;
+  out[4] = static_cast<int32_t>(sizeof(MeritOperandDesc));
+  out[5] = static_cast<int32_t>(sizeof(MeritVariableDesc));
+  out[6] = static_cast<int32_t>(sizeof(SurfaceData));
+  out[7] = static_cast<int32_t>(sizeof(SystemConfig));
+  out[8] = static_cast<int32_t>(sizeof(FieldData));
+  out[9] = static_cast<int32_t>(sizeof(MeritResult));
+  out[10] = static_cast<int32_t>(sizeof(MeritPickupDesc));
+  out[11] = static_cast<int32_t>(sizeof(MeritBatchedConfig));
+}
+
+RayTraceResult nuvrix_trace_ray(const SurfaceData* surfaces, int32_t surface_count,
+                                const double* indices, int32_t start_surface,
+                                int32_t last_surface, double x, double y, double l, double m,
+                                double n, double wavelength) {
+  return nuvrix::detail::rt_trace_impl(surfaces, surface_count, indices, x, y, l, m, n, nullptr,
+                                       start_surface, last_surface, wavelength, 0, false);
+}
+
+RayTraceResult nuvrix_trace_ray_full(const SurfaceData* surfaces, int32_t surface_count,
+                                     const double* indices, RayState* states,
+                                     int32_t start_surface, int32_t last_surface, double x,
+                                     double y, double l, double m, double n, double wavelength) {
+  return nuvrix::detail::rt_trace_impl(surfaces, surface_count, indices, x, y, l, m, n, states,
+                                       start_surface, last_surface, wavelength,
+                                       nuvrix::detail::kExportedHistory, false);
+}
+
+}  // extern "C"

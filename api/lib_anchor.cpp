@@ -1,0 +1,35 @@
+// Keeps the inline core of the engine in the library as exported weak
+// symbols: taking the address of each inline routine and template instance
+// makes the compiler emit it, and default visibility exports it under its
+// mangled name, so that hosts and tools can link to the same code the
+// analyses inline.
+#include "api/nuvrix.h"
+#include "trace/trace_core.hpp"
+
+namespace {
+
+using nuvrix::RayStateT;
+using D = double;
+
+// One table of addresses; `used` keeps it, and so every entry, in the binary.
+__attribute__((used)) void const* const kAnchors[] = {
+    reinterpret_cast<void const*>(&nuvrix::detail::rt_trace_impl),
+    reinterpret_cast<void const*>(&nuvrix::detail::rt_medium_index),
+    reinterpret_cast<void const*>(&nuvrix::detail::rt_aperture_limit),
+    reinterpret_cast<void const*>(&nuvrix::detail::rt_paraxial_lens),
+    reinterpret_cast<void const*>(&nuvrix::detail::asphere_walk),
+    reinterpret_cast<void const*>(&nuvrix::detail::intersect_conic_t<D>),
+    reinterpret_cast<void const*>(&nuvrix::detail::conic_normal_t<D>),
+    reinterpret_cast<void const*>(&nuvrix::detail::refract_t<D, D>),
+    reinterpret_cast<void const*>(&nuvrix::detail::reflect_t<D>),
+    reinterpret_cast<void const*>(&nuvrix::detail::refract_paraxial_t<D, D>),
+    reinterpret_cast<void const*>(&nuvrix::apply_abcd_generic<RayStateT<D>, D>),
+    reinterpret_cast<void const*>(&nuvrix::even_asphere_sag_t<D>),
+    reinterpret_cast<void const*>(&nuvrix::intersect_even_asphere_t<D>),
+    reinterpret_cast<void const*>(&nuvrix::even_asphere_normal_t<D>),
+    reinterpret_cast<void const*>(&nuvrix::model_index<D>),
+};
+
+}  // namespace
+
+extern "C" int32_t nuvrix_build_anchor(void) { return 0; }

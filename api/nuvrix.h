@@ -1,0 +1,253 @@
+/*
+ * nuvrix.h - public C interface of libnuvrix_native.
+ *
+ * The host describes one sequential optical system as flat arrays of the
+ * records below and calls the nuvrix_ exports.  Every record has its fields
+ * in a fixed order with natural alignment; the sizes are pinned at compile
+ * time and reported at run time by nuvrix_merit_abi_info(), so that a host
+ * can check its own view of the layout before the first call.
+ *
+ * Conventions shared by every export:
+ *  - lengths in mm, curvature in 1/mm, field angles in degrees;
+ *  - an index table has one row per wavelength, element i of a row being the
+ *    refractive index of the medium behind surface i;
+ *  - a trace takes its wavelength in nanometres (0 or less: no model glass
+ *    and no phase);
+ *  - the caller owns every array; the engine keeps no pointer after a call;
+ *  - failures are reported through status fields and return values only.
+ */
+#ifndef NUVRIX_H_
+#define NUVRIX_H_
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------------ */
+/* System records                                                           */
+/* ------------------------------------------------------------------------ */
+
+/* Surface type codes.  Only 1, 2 and 4 are told apart; any other value is
+ * traced as a standard conic surface. */
+#define NUVRIX_SURFACE_STANDARD 0
+#define NUVRIX_SURFACE_EVEN_ASPHERE 1
+#define NUVRIX_SURFACE_PARAXIAL_LENS 2
+#define NUVRIX_SURFACE_MATRIX 4
+
+/* Field type: 0 angles in degrees, nonzero object heights in mm. */
+typedef int32_t FieldType;
+#define NUVRIX_FIELD_ANGLE 0
+#define NUVRIX_FIELD_HEIGHT 1
+
+/* Ray status codes of RayState.status / RayTraceResult.status. */
+#define NUVRIX_RAY_OK 0
+#define NUVRIX_RAY_TIR (-1)
+#define NUVRIX_RAY_MISSED (-2)
+
+/* One surface.  Surface 0 is the object, surface count - 1 the image. */
+typedef struct SurfaceData {
+  int32_t surface_reserved_head; /* not read */
+  int32_t type;                  /* 0 conic, 1 even asphere, 2 thin lens, 4 ABCD */
+  double curvature;              /* 1/R; |c| < 1e-15 is a plane */
+  double thickness;              /* to the next vertex; |t| >= 1e10 or non-finite: infinite */
+  double conic;                  /* K: 0 sphere, -1 paraboloid */
+  double semi_diameter;          /* <= 0: none */
+  int32_t aperture_kind;         /* 0 automatic, 1 fixed (clips), other: kept, no clip */
+  double coefficients[8];        /* type 1: r^2 .. r^16 terms; type 4: A, B, C, D */
+  int32_t surface_reserved_mid;  /* not read */
+  int32_t is_mirror;             /* nonzero: reflects */
+  double aperture_radius;        /* > 0: hard limit on the ray height */
+  double aperture_radius_alt;    /* > 0 and aperture_radius not: hard limit instead */
+  double aperture_override;      /* > 0: semi_diameter does not clip */
+  int32_t is_glass;              /* nonzero: glass behind (boundary operands only) */
+  double aperture_percent;       /* scale of a solved semi-diameter; 100 neutral */
+  int32_t model_glass;           /* nonzero: index behind follows the model glass */
+  double model_nd;               /* model glass index at the d line */
+  double model_vd;               /* model glass Abbe number */
+  double model_dpgf;             /* model glass partial-dispersion deviation */
+  double focal_length;           /* type 2: focal length; 0 or non-finite: no power */
+} SurfaceData;
+
+/* What is common to the whole system. */
+typedef struct SystemConfig {
+  FieldType field_type;         /* 0 angles (deg), nonzero heights (mm) */
+  int32_t aperture_type;        /* 0 EPD, 1 image-space F/#, other object-space NA */
+  double aperture_value;        /* see aperture_type */
+  int32_t ray_aiming;           /* 0 off, 1 and 2 aiming modes */
+  int32_t stop_surface;         /* index of the aperture stop */
+  int32_t config_reserved;      /* not read */
+  int32_t config_reserved_tail; /* not read */
+  int32_t primary_wavelength;   /* row of the index table; out of range: row 0 */
+  int32_t afocal_image;         /* nonzero: image at infinity */
+  int32_t penalize_failed_rays; /* nonzero: failed rays take the merit penalty */
+  int32_t telecentric_object;   /* nonzero: entrance pupil at 1e10 */
+} SystemConfig;
+
+/* One field point. */
+typedef struct FieldData {
+  double field_y;        /* angle (deg) or height (mm) along y */
+  double field_reserved; /* not read */
+  double field_x;        /* field along x (merit function only) */
+} FieldData;
+
+/* State of a ray at one surface, in that surface's local frame. */
+typedef struct RayState {
+  double x, y, z;       /* position, mm */
+  double l, m, n;       /* direction cosines after the surface acted */
+  double nx, ny, nz;    /* unit surface normal, nz < 0 */
+  double sag_path;      /* running sum of vertex-plane-to-surface distances */
+  int32_t status;       /* 0 ok, -1 TIR, -2 missed or clipped */
+} RayState;
+
+/* Result of a trace: the last state reached, then the trace's totals. */
+typedef struct RayTraceResult {
+  double x, y, z;
+  double l, m, n;
+  double nx, ny, nz;
+  double sag_path;
+  int32_t status;
+  double opl;             /* optical path from the launch point, mm */
+  double phase_waves;     /* the same in waves; 0 without a wavelength */
+  int32_t valid;          /* 1 when the last surface was reached */
+  int32_t states_written; /* history records meant to be stored */
+  int32_t failed_surface; /* -1 when the ray did not fail */
+  double violation;       /* 0 ok; 1 miss; r/limit - 1 clipped; TIR margin */
+} RayTraceResult;
+
+/* ------------------------------------------------------------------------ */
+/* Merit records                                                            */
+/* ------------------------------------------------------------------------ */
+
+typedef uint32_t MeritOperandType;   /* operand codes 0 .. 103 */
+typedef uint32_t MeritTransform;     /* 0 none .. 8 absolute value */
+typedef uint32_t MeritVariableKind;  /* variable kinds 0 .. 13 */
+typedef uint32_t MeritPickupKind;    /* pickup kinds 0 .. 8 */
+
+/* One merit operand. */
+typedef struct MeritOperandDesc {
+  MeritOperandType type;
+  MeritTransform transform;
+  int32_t centroid_tag;
+  int32_t group_id;
+  int32_t surface;
+  int32_t wave;
+  int32_t operand_a;
+  int32_t operand_b;
+  int32_t surface_first;
+  int32_t surface_last;
+  int32_t has_lower;
+  int32_t has_upper;
+  double hx;
+  double hy;
+  double px;
+  double py;
+  double target;
+  double lower;
+  double upper;
+  double weight;
+  double scale;
+  int32_t reserved_int;
+  int32_t sample_count;
+  double reserved_double;
+} MeritOperandDesc;
+
+/* One optimisation variable. */
+typedef struct MeritVariableDesc {
+  MeritVariableKind kind;
+  int32_t surface;
+  int32_t field;
+  int32_t reserved_a;
+  int32_t reserved_b;
+  int32_t coefficient;
+  int32_t has_lower;
+  int32_t has_upper;
+  double lower;
+  double upper;
+} MeritVariableDesc;
+
+/* One pickup: target = factor * source + offset. */
+typedef struct MeritPickupDesc {
+  int32_t target_surface;
+  int32_t source_surface;
+  MeritPickupKind kind;
+  double factor;
+  double offset;
+} MeritPickupDesc;
+
+/* Raw outcome of one operand: status 1 usable, 0 unsupported, -1 failed. */
+typedef struct MeritResult {
+  double value;
+  int32_t status;
+} MeritResult;
+
+/* Options of a batched merit run. */
+typedef struct MeritBatchedConfig {
+  int32_t use_gpu;
+  int32_t jacobian_mode;
+  int32_t thread_count;
+  int32_t want_jacobian;
+  int32_t reserved[4];
+} MeritBatchedConfig;
+
+/* Layout pins: hosts depend on these sizes bit for bit. */
+#ifdef __cplusplus
+#define NUVRIX_STATIC_ASSERT static_assert
+#else
+#define NUVRIX_STATIC_ASSERT _Static_assert
+#endif
+NUVRIX_STATIC_ASSERT(sizeof(SurfaceData) == 200, "SurfaceData must be 200 bytes");
+NUVRIX_STATIC_ASSERT(sizeof(SystemConfig) == 48, "SystemConfig must be 48 bytes");
+NUVRIX_STATIC_ASSERT(sizeof(FieldData) == 24, "FieldData must be 24 bytes");
+NUVRIX_STATIC_ASSERT(sizeof(RayState) == 88, "RayState must be 88 bytes");
+NUVRIX_STATIC_ASSERT(sizeof(RayTraceResult) == 128, "RayTraceResult must be 128 bytes");
+NUVRIX_STATIC_ASSERT(sizeof(MeritOperandDesc) == 136, "MeritOperandDesc must be 136 bytes");
+NUVRIX_STATIC_ASSERT(sizeof(MeritVariableDesc) == 48, "MeritVariableDesc must be 48 bytes");
+NUVRIX_STATIC_ASSERT(sizeof(MeritResult) == 16, "MeritResult must be 16 bytes");
+NUVRIX_STATIC_ASSERT(sizeof(MeritPickupDesc) == 32, "MeritPickupDesc must be 32 bytes");
+NUVRIX_STATIC_ASSERT(sizeof(MeritBatchedConfig) == 32, "MeritBatchedConfig must be 32 bytes");
+
+/* ------------------------------------------------------------------------ */
+/* Identification                                                           */
+/* ------------------------------------------------------------------------ */
+
+/* The constant version string "0.1.0". */
+const char* nuvrix_version(void);
+
+/* Fills out[0..11] with the layout report: 12, 104 operand codes, 14
+ * variable kinds, 9 pickup kinds, then the sizes of MeritOperandDesc,
+ * MeritVariableDesc, SurfaceData, SystemConfig, FieldData, MeritResult,
+ * MeritPickupDesc and MeritBatchedConfig.  A null pointer does nothing. */
+void nuvrix_merit_abi_info(int32_t* out);
+
+/* Returns 0.  Keeps the inline core of the library exported. */
+int32_t nuvrix_build_anchor(void);
+
+/* ------------------------------------------------------------------------ */
+/* Real rays                                                                */
+/* ------------------------------------------------------------------------ */
+
+/* Traces one ray from z = 0 in the frame of surface start_surface - 1
+ * through surfaces start_surface .. last_surface (last_surface < 1: the
+ * image surface), apertures in force, no history.  The result's valid is 1
+ * on success; otherwise status is -1 (total internal reflection) or -2
+ * (missed or clipped), failed_surface names the surface and violation says
+ * by how much.  start_surface must be at least 1. */
+RayTraceResult nuvrix_trace_ray(const SurfaceData* surfaces, int32_t surface_count,
+                                const double* indices, int32_t start_surface,
+                                int32_t last_surface, double x, double y, double l, double m,
+                                double n, double wavelength);
+
+/* As nuvrix_trace_ray, and also stores the ray's state at the launch and
+ * after every surface into states, which must hold 256 records. */
+RayTraceResult nuvrix_trace_ray_full(const SurfaceData* surfaces, int32_t surface_count,
+                                     const double* indices, RayState* states,
+                                     int32_t start_surface, int32_t last_surface, double x,
+                                     double y, double l, double m, double n, double wavelength);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+#endif /* NUVRIX_H_ */

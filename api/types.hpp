@@ -1,0 +1,75 @@
+// Internal C++ types and helpers shared by the library and the device kernels.
+//
+// Everything here is compiled both by the host compiler and by nvcc: no
+// exceptions, no heap, no std:: containers, maths through the plain overloads
+// that both compilers provide.
+#pragma once
+
+#include <cfloat>
+#include <math.h>
+
+#include "api/nuvrix.h"
+
+#if defined(__CUDACC__)
+#define NUVRIX_HD __host__ __device__ inline
+#else
+#define NUVRIX_HD inline
+#endif
+
+namespace nuvrix {
+
+// The plain double maths, pulled into the namespace so that an unqualified
+// call serves double here and, by argument-dependent lookup, the dual numbers.
+using ::fabs;
+using ::fma;
+using ::sqrt;
+
+// Largest number of surfaces of a system; fixed work arrays are sized for it.
+constexpr int kMaxSurfaces = 256;
+
+// Recurring constants.
+constexpr double kInfiniteDistance = 1e10;  // |t| at or above this is infinite
+constexpr double kPlaneCurvature = 1e-15;   // |c| below this is a plane
+constexpr double kTiny = 1e-15;             // denominators and direction limits
+constexpr double kNoPowerFocal = 1e15;      // focal length of a system without power
+constexpr double kApertureMargin = 1.01;    // clip when r^2 > limit^2 * 1.01
+constexpr double kDegToRad = 3.14159265358979323846 / 180.0;
+
+// A ray's state over a generic scalar: the ten fields of RayState, then the
+// optical path so that it can carry derivatives, then the integer status.
+template <typename T>
+struct RayStateT {
+  T x, y, z;
+  T l, m, n;
+  T nx, ny, nz;
+  T sag_path;
+  T opl;
+  int status;
+};
+
+namespace detail {
+
+// The plain value of a scalar: every comparison and branch looks at it only.
+NUVRIX_HD double val(double v) { return v; }
+
+// True for a finite double (false for infinities and NaN).
+NUVRIX_HD bool is_finite(double v) { return fabs(v) <= DBL_MAX; }
+
+// A distance is infinite when it is not finite or at least 1e10 in magnitude.
+NUVRIX_HD bool is_infinite_distance(double t) { return !(fabs(t) < kInfiniteDistance); }
+
+// Dot product of two 3-vectors, accumulated left to right by fused
+// multiply-add: fma(a3, b3, fma(a2, b2, a1 * b1)).
+template <typename T>
+NUVRIX_HD T dot3(T const& a1, T const& a2, T const& a3, T const& b1, T const& b2, T const& b3) {
+  return fma(a3, b3, fma(a2, b2, a1 * b1));
+}
+
+// a^2 + b^2 as a fused dot product.
+template <typename T>
+NUVRIX_HD T sum_sq2(T const& a, T const& b) {
+  return fma(b, b, a * a);
+}
+
+}  // namespace detail
+}  // namespace nuvrix

@@ -1,0 +1,22 @@
+// Compiled by nvcc only: proves that the trace core builds as device code,
+// so that the kernels can run the very same trace as the CPU.
+#include "trace/trace_core.hpp"
+
+using nuvrix::RayStateT;
+
+extern "C" __global__ void nuvrix_device_compile_probe(SurfaceData const* surfaces, int count,
+                                                       double const* indices, double* out) {
+  RayTraceResult const r = nuvrix::detail::rt_trace_impl(surfaces, count, indices, 0.0, 1.0, 0.0,
+                                                         0.0, 1.0, nullptr, 1, 0, 550.0, 0, false);
+  RayStateT<double> ray = {0, 1, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0};
+  double const k = surfaces[1].conic, c = surfaces[1].curvature;
+  nuvrix::detail::intersect_conic_t<double>(ray, c, k);
+  nuvrix::detail::conic_normal_t<double>(ray, c, k);
+  nuvrix::detail::refract_t<double, double>(ray, indices[0], indices[1]);
+  nuvrix::detail::reflect_t<double>(ray);
+  nuvrix::detail::refract_paraxial_t<double, double>(ray, 1.0, 1.0, surfaces[1].focal_length);
+  nuvrix::apply_abcd_generic(ray, surfaces[1].coefficients);
+  nuvrix::intersect_even_asphere_t<double>(ray, c, k, surfaces[1].coefficients);
+  double const n = nuvrix::model_index<double>(550.0, 1.5, 60.0, 0.0);
+  out[0] = r.y + ray.y + n;
+}

@@ -1,0 +1,408 @@
+// Real-ray trace: conic and plane intersection, refraction, reflection,
+// apertures, optical path, thin lenses, matrices and failure reporting,
+// checked against closed forms and physical invariants.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <array>
+#include <limits>
+
+#include "api/nuvrix.h"
+#include "tests/systems.hpp"
+#include "trace/trace_core.hpp"
+
+using nuvrix_test::System;
+
+namespace {
+
+RayTraceResult trace(System const& sys, double x, double y, double l, double m, double n,
+                     int start = 1, int last = 0, double wavelength = 0.0) {
+  return nuvrix_trace_ray(sys.surfaces.data(), sys.count(), sys.row(), start, last, x, y, l, m, n,
+                          wavelength);
+}
+
+double norm3(double a, double b, double c) { return std::sqrt(a * a + b * b + c * c); }
+
+// A single refracting sphere of radius R, the object plane at distance t0.
+System single_sphere(double radius, double t0, double n_glass) {
+  return nuvrix_test::make_system({0.0, radius, 0.0}, {t0, 10.0, 0.0}, {1.0, n_glass, n_glass});
+}
+
+}  // namespace
+
+TEST(Trace, SphereIntersectionMatchesClosedFormAndSnell) {
+  double const R = 25.0, t0 = 10.0, n2 = 1.6;
+  System const sys = single_sphere(R, t0, n2);
+  for (double y0 : {-8.0, -3.0, 0.5, 6.0}) {
+    for (double angle : {-0.2, 0.0, 0.15}) {
+      double const l = 0.05, m = std::sin(angle), n = std::sqrt(1.0 - l * l - m * m);
+      RayTraceResult const r = trace(sys, 1.0, y0, l, m, n, 1, 1);
+      ASSERT_EQ(r.valid, 1);
+      // Closed form: |p0 + s d - C|^2 = R^2 with p0 = (1, y0, -t0), C = (0, 0, R).
+      double const px = 1.0, py = y0, pz = -t0 - R;
+      double const b = px * l + py * m + pz * n;
+      double const c = px * px + py * py + pz * pz - R * R;
+      double const s = -b - std::sqrt(b * b - c);  // the nearer root: front of the sphere
+      EXPECT_NEAR(r.x, px + s * l, 1e-12);
+      EXPECT_NEAR(r.y, py + s * m, 1e-12);
+      EXPECT_NEAR(r.z, -t0 + s * n, 1e-12);
+      // The normal points against +z along the radius.
+      double const nx = r.x / R, ny = r.y / R, nz = (r.z - R) / R;  // (p - C) / R
+      EXPECT_NEAR(r.nx, nx, 1e-13);
+      EXPECT_NEAR(r.ny, ny, 1e-13);
+      EXPECT_NEAR(r.nz, nz, 1e-13);
+      EXPECT_LT(r.nz, 0.0);
+      // Snell in vector form: n1 (d x N) = n2 (d' x N), and |d'| = 1.
+      EXPECT_NEAR(norm3(r.l, r.m, r.n), 1.0, 1e-15);
+      double const c1x = m * nz - n * ny, c1y = n * nx - l * nz, c1z = l * ny - m * nx;
+      double const c2x = r.m * nz - r.n * ny, c2y = r.n * nx - r.l * nz, c2z = r.l * ny - r.m * nx;
+      EXPECT_NEAR(c1x, n2 * c2x, 1e-13);
+      EXPECT_NEAR(c1y, n2 * c2y, 1e-13);
+      EXPECT_NEAR(c1z, n2 * c2z, 1e-13);
+      // Geometric path to the surface in air.
+      EXPECT_NEAR(r.opl, s, 1e-12);
+    }
+  }
+}
+
+TEST(Trace, TotalInternalReflectionReportsMargin) {
+  // Light inside glass of index 1.5 meets a plane face into air.
+  System sys = nuvrix_test::make_system({0.0, 0.0, 0.0}, {5.0, 5.0, 0.0}, {1.5, 1.0, 1.0});
+  double const s = std::sqrt(0.5);  // 45 degrees, beyond the critical 41.8
+  RayState states[8];
+  RayTraceResult const r = nuvrix_trace_ray_full(sys.surfaces.data(), 3, sys.row(), states, 1, 0,
+                                                 0.0, 0.0, 0.0, s, s, 0.0);
+  EXPECT_EQ(r.valid, 0);
+  EXPECT_EQ(r.status, NUVRIX_RAY_TIR);
+  EXPECT_EQ(r.failed_surface, 1);
+  EXPECT_NEAR(r.violation, 0.5 - 1.0 / 2.25, 1e-15);
+  EXPECT_EQ(r.opl, 0.0);
+  EXPECT_EQ(r.phase_waves, 0.0);
+  EXPECT_EQ(r.states_written, 1);  // only the launch: the failing surface is not stored
+  EXPECT_EQ(r.m, s);               // incoming direction
+  EXPECT_NEAR(r.y, 5.0, 1e-15);
+  EXPECT_EQ(r.nz, -1.0);
+  // Just inside the critical angle the ray leaves, grazing.
+  double const sc = 1.0 / 1.5 - 1e-9;
+  RayTraceResult const ok = trace(sys, 0.0, 0.0, 0.0, sc, std::sqrt(1.0 - sc * sc));
+  EXPECT_EQ(ok.valid, 1);
+  EXPECT_NEAR(ok.m, 1.5 * sc, 1e-14);
+}
+
+TEST(Trace, ApertureMarginIsOnePercentOnTheSquaredHeight) {
+  System sys = nuvrix_test::make_system({0.0, 0.0, 0.0}, {1e10, 1.0, 0.0}, {1.0, 1.0, 1.0});
+  sys.surfaces[1].aperture_radius = 2.0;
+  EXPECT_EQ(trace(sys, 0.0, 2.0, 0, 0, 1).valid, 1);          // on the limit
+  EXPECT_EQ(trace(sys, 0.0, 2.0 * 1.004, 0, 0, 1).valid, 1);  // r2 = 1.008016 limit^2
+  RayTraceResult const r = trace(sys, 0.0, 2.0 * 1.005, 0, 0, 1);  // r2 = 1.010025 limit^2
+  EXPECT_EQ(r.valid, 0);
+  EXPECT_EQ(r.status, NUVRIX_RAY_MISSED);
+  EXPECT_EQ(r.failed_surface, 1);
+  EXPECT_NEAR(r.violation, 0.005, 1e-13);
+  EXPECT_EQ(r.opl, 0.0);
+  // x counts as well as y.
+  EXPECT_EQ(trace(sys, 1.5, 1.5, 0, 0, 1).valid, 0);
+}
+
+TEST(Trace, ApertureLimitOrder) {
+  System sys = nuvrix_test::make_system({0.0, 0.0, 0.0}, {1e10, 1.0, 0.0}, {1.0, 1.0, 1.0});
+  SurfaceData& s = sys.surfaces[1];
+  s.semi_diameter = 1.0;
+  s.aperture_kind = 1;
+  EXPECT_EQ(trace(sys, 0, 2.0, 0, 0, 1).valid, 0);  // fixed semi-diameter clips
+  s.aperture_override = 1.0;
+  EXPECT_EQ(trace(sys, 0, 2.0, 0, 0, 1).valid, 1);  // overridden
+  s.aperture_override = 0.0;
+  s.aperture_radius = 3.0;
+  EXPECT_EQ(trace(sys, 0, 2.0, 0, 0, 1).valid, 1);  // the hard radius comes first
+  s.aperture_radius = 0.0;
+  s.aperture_radius_alt = 1.5;
+  RayTraceResult r = trace(sys, 0, 2.0, 0, 0, 1);
+  EXPECT_EQ(r.valid, 0);  // then the alternative radius
+  EXPECT_NEAR(r.violation, 2.0 / 1.5 - 1.0, 1e-15);
+  s.aperture_radius_alt = 0.0;
+  s.aperture_kind = 2;
+  EXPECT_EQ(trace(sys, 0, 2.0, 0, 0, 1).valid, 1);  // kind 2 never clips
+  s.aperture_kind = 0;
+  s.aperture_percent = 100.0;
+  EXPECT_EQ(trace(sys, 0, 2.0, 0, 0, 1).valid, 1);  // automatic at 100 % does not clip
+  s.aperture_percent = 99.0;
+  EXPECT_EQ(trace(sys, 0, 2.0, 0, 0, 1).valid, 0);  // automatic below 100 % clips
+  s.semi_diameter = 0.0;
+  s.aperture_kind = 1;
+  EXPECT_EQ(trace(sys, 0, 50.0, 0, 0, 1).valid, 1);  // no semi-diameter: no limit
+  // The image surface is never tested, with or without apertures.
+  sys.surfaces[2].semi_diameter = 0.1;
+  sys.surfaces[2].aperture_kind = 1;
+  sys.surfaces[2].aperture_radius = 0.1;
+  EXPECT_EQ(trace(sys, 0, 5.0, 0, 0, 1).valid, 1);
+}
+
+TEST(Trace, ApertureClipStoresTheFailingState) {
+  System sys = single_sphere(20.0, 5.0, 1.5);
+  sys.surfaces[1].aperture_radius = 1.0;
+  RayState states[256];
+  RayTraceResult const r = nuvrix_trace_ray_full(sys.surfaces.data(), sys.count(), sys.row(),
+                                                 states, 1, 0, 0.0, 3.0, 0.0, 0.0, 1.0, 0.0);
+  EXPECT_EQ(r.valid, 0);
+  EXPECT_EQ(r.states_written, 2);
+  EXPECT_EQ(states[1].status, NUVRIX_RAY_MISSED);
+  EXPECT_EQ(states[1].y, 3.0);
+  EXPECT_GT(states[1].z, 0.0);  // on the sphere, not the vertex plane
+  EXPECT_EQ(r.n, 1.0);          // incoming direction
+  EXPECT_NEAR(r.ny, 3.0 / 20.0, 1e-15);  // the new normal, (p - C) / R
+  EXPECT_NEAR(r.sag_path, 20.0 - std::sqrt(400.0 - 9.0), 1e-13);
+}
+
+TEST(Trace, InfiniteThicknessSkipsTransferAndPath) {
+  System sys = nuvrix_test::make_system({0.0, 0.0, 0.0}, {1e10, 1.0, 0.0}, {1.0, 1.0, 1.0});
+  RayTraceResult r = trace(sys, 1.0, 2.0, 0.0, 0.6, 0.8, 1, 1);
+  EXPECT_EQ(r.valid, 1);
+  EXPECT_EQ(r.x, 1.0);
+  EXPECT_EQ(r.y, 2.0);
+  EXPECT_EQ(r.opl, 0.0);
+  sys.surfaces[0].thickness = std::numeric_limits<double>::infinity();
+  EXPECT_EQ(trace(sys, 1.0, 2.0, 0.0, 0.6, 0.8, 1, 1).y, 2.0);
+  sys.surfaces[0].thickness = std::nan("");
+  EXPECT_EQ(trace(sys, 1.0, 2.0, 0.0, 0.6, 0.8, 1, 1).y, 2.0);
+  sys.surfaces[0].thickness = -1e10;
+  EXPECT_EQ(trace(sys, 1.0, 2.0, 0.0, 0.6, 0.8, 1, 1).opl, 0.0);
+  // 9.99e9 is a finite distance: the ray is carried across it.
+  sys.surfaces[0].thickness = 9.99e9;
+  r = trace(sys, 1.0, 2.0, 0.0, 0.6, 0.8, 1, 1);
+  EXPECT_EQ(r.valid, 1);
+  EXPECT_DOUBLE_EQ(r.y, 2.0 + 9.99e9 * 0.75);
+  EXPECT_DOUBLE_EQ(r.opl, 9.99e9 / 0.8);
+}
+
+TEST(Trace, ParaboloidFocusesParallelBeamWithEqualPaths) {
+  double const f = 100.0;
+  System const sys = nuvrix_test::parabolic_mirror(f);
+  RayState states[256];
+  for (double h : {0.0, 1.0, 5.0, 12.5, 30.0}) {
+    RayTraceResult const r = nuvrix_trace_ray_full(sys.surfaces.data(), sys.count(), sys.row(),
+                                                   states, 1, 0, 0.0, h, 0.0, 0.0, 1.0, 0.0);
+    ASSERT_EQ(r.valid, 1) << h;
+    EXPECT_NEAR(r.y, 0.0, 1e-12) << h;
+    EXPECT_NEAR(r.x, 0.0, 1e-12);
+    // The mirror sits at z = -h^2 / (4 f), before the vertex plane; the
+    // path from that plane is the sag (signed) plus mirror-to-focus.
+    EXPECT_NEAR(states[1].z, -h * h / (4.0 * f), 1e-12);
+    EXPECT_NEAR(r.opl + states[1].sag_path, f, 1e-11) << h;
+    EXPECT_LT(r.n, 0.0);  // travelling back after the mirror
+    EXPECT_NEAR(norm3(r.l, r.m, r.n), 1.0, 1e-15);
+  }
+}
+
+TEST(Trace, MirrorPathStaysPositiveInReversedSpace) {
+  System const sys = nuvrix_test::make_system({0.0, 0.0, 0.0}, {10.0, -20.0, 0.0},
+                                              {1.0, 1.0, 1.0});
+  System mirror = sys;
+  mirror.surfaces[1].is_mirror = 1;
+  RayTraceResult const r = trace(mirror, 0.0, 0.0, 0.0, 0.0, 1.0);
+  EXPECT_EQ(r.valid, 1);
+  EXPECT_EQ(r.n, -1.0);
+  EXPECT_DOUBLE_EQ(r.opl, 30.0);
+}
+
+TEST(Trace, EqualIndicesLeaveDirectionBitForBit) {
+  System const sys = nuvrix_test::make_system({0.0, 15.0, 0.0}, {5.0, 10.0, 0.0},
+                                              {1.3, 1.3, 1.3});
+  double const l = 0.1, m = -0.2, n = std::sqrt(1.0 - 0.05);
+  RayTraceResult const r = trace(sys, 0.5, 1.5, l, m, n);
+  EXPECT_EQ(r.valid, 1);
+  EXPECT_EQ(r.l, l);
+  EXPECT_EQ(r.m, m);
+  EXPECT_EQ(r.n, n);
+}
+
+TEST(Trace, ImageSurfaceNeverRefractsButInnerLastSurfaceDoes) {
+  System const sys = nuvrix_test::cooke_triplet();
+  RayState states[256];
+  RayTraceResult const r = nuvrix_trace_ray_full(sys.surfaces.data(), sys.count(), sys.row(),
+                                                 states, 1, 0, 0.0, 3.0, 0.0, 0.1, 0.99498743710662, 0.0);
+  ASSERT_EQ(r.valid, 1);
+  EXPECT_EQ(r.states_written, 8);
+  EXPECT_EQ(r.l, states[6].l);
+  EXPECT_EQ(r.m, states[6].m);
+  EXPECT_EQ(r.n, states[6].n);
+  EXPECT_EQ(r.failed_surface, -1);
+  EXPECT_EQ(r.violation, 0.0);
+  EXPECT_EQ(r.status, 0);
+  // Stopping at surface 1 leaves the ray refracted into the first element.
+  RayTraceResult const first = trace(sys, 0.0, 3.0, 0.0, 0.1, 0.99498743710662, 1, 1);
+  EXPECT_EQ(first.m, states[1].m);
+  EXPECT_LT(first.m, 0.1);
+}
+
+TEST(Trace, HistoryShorterThanTraceKeepsCounting) {
+  System const sys = nuvrix_test::cooke_triplet();
+  RayState states[5];
+  std::memset(states, 0x7f, sizeof states);
+  RayTraceResult const r = nuvrix::detail::rt_trace_impl(
+      sys.surfaces.data(), sys.count(), sys.row(), 0.0, 2.0, 0.0, 0.0, 1.0, states, 1, 0, 0.0, 3,
+      false);
+  EXPECT_EQ(r.valid, 1);
+  EXPECT_EQ(r.states_written, 8);
+  EXPECT_EQ(states[0].y, 2.0);
+  EXPECT_EQ(states[0].nz, 0.0);
+  EXPECT_EQ(states[0].sag_path, 0.0);
+  EXPECT_NE(states[2].z, 0.0);  // surface 2 is curved
+  unsigned char const* tail = reinterpret_cast<unsigned char const*>(&states[3]);
+  for (size_t k = 0; k < 2 * sizeof(RayState); ++k) ASSERT_EQ(tail[k], 0x7f);
+  // Without a history the count stays 0; with a zero capacity it counts on.
+  EXPECT_EQ(trace(sys, 0.0, 2.0, 0.0, 0.0, 1.0).states_written, 0);
+  RayTraceResult const none = nuvrix::detail::rt_trace_impl(
+      sys.surfaces.data(), sys.count(), sys.row(), 0.0, 2.0, 0.0, 0.0, 1.0, states, 1, 0, 0.0, 0,
+      false);
+  EXPECT_EQ(none.states_written, 8);
+}
+
+TEST(Trace, BadInputFailsWithStatusNeverCrashes) {
+  System const sys = nuvrix_test::cooke_triplet();
+  double const nan = std::nan(""), inf = std::numeric_limits<double>::infinity();
+  for (auto launch : {std::array<double, 5>{nan, 0, 0, 0, 1}, std::array<double, 5>{0, inf, 0, 0, 1},
+                      std::array<double, 5>{0, 0, nan, 0, 1}, std::array<double, 5>{0, 0, 0, 0, nan},
+                      std::array<double, 5>{0, 0, inf, 0, 1}}) {
+    RayTraceResult const r = trace(sys, launch[0], launch[1], launch[2], launch[3], launch[4]);
+    EXPECT_EQ(r.valid, 0);
+    EXPECT_EQ(r.status, NUVRIX_RAY_MISSED);
+    EXPECT_EQ(r.failed_surface, 1);
+    EXPECT_EQ(r.violation, 1.0);
+  }
+  // n = 0: no transfer, and the plane misses.
+  System const flat = nuvrix_test::make_system({0.0, 0.0, 0.0}, {5.0, 5.0, 0.0}, {1, 1, 1});
+  RayTraceResult r = trace(flat, 0.0, 1.0, 1.0, 0.0, 0.0);
+  EXPECT_EQ(r.status, NUVRIX_RAY_MISSED);
+  EXPECT_EQ(r.failed_surface, 1);
+  EXPECT_EQ(r.violation, 1.0);
+  EXPECT_EQ(r.y, 1.0);
+  // last below start: success with the launch state.
+  r = trace(sys, 0.25, 0.5, 0.0, 0.0, 1.0, 3, 2);
+  EXPECT_EQ(r.valid, 1);
+  EXPECT_EQ(r.x, 0.25);
+  EXPECT_EQ(r.z, 0.0);
+  EXPECT_EQ(r.failed_surface, -1);
+  // A single surface, and no surface at all.
+  EXPECT_EQ(nuvrix_trace_ray(sys.surfaces.data(), 1, sys.row(), 1, 0, 0, 1, 0, 0, 1, 0).valid, 1);
+  EXPECT_EQ(nuvrix_trace_ray(nullptr, 0, nullptr, 1, 0, 0, 1, 0, 0, 1, 0).valid, 1);
+  // Start before surface 1 and a last surface beyond the image.
+  r = trace(sys, 0.0, 1.0, 0.0, 0.0, 1.0, 0, 0);
+  EXPECT_EQ(r.valid, 0);
+  EXPECT_EQ(r.status, NUVRIX_RAY_MISSED);
+  RayTraceResult const beyond = trace(sys, 0.0, 1.0, 0.0, 0.0, 1.0, 1, 50);
+  RayTraceResult const image = trace(sys, 0.0, 1.0, 0.0, 0.0, 1.0, 1, 0);
+  EXPECT_EQ(std::memcmp(&beyond, &image, sizeof image), 0);
+}
+
+TEST(Trace, UnknownSurfaceTypesTraceAsConics) {
+  System sys = nuvrix_test::cooke_triplet();
+  sys.surfaces[2].conic = -0.5;
+  RayTraceResult const ref = trace(sys, 0.0, 3.0, 0.0, 0.1, std::sqrt(0.99));
+  for (int type : {3, 99, -7}) {
+    System odd = sys;
+    for (int i = 1; i < odd.count(); ++i) odd.surfaces[i].type = type;
+    RayTraceResult const r = trace(odd, 0.0, 3.0, 0.0, 0.1, std::sqrt(0.99));
+    EXPECT_EQ(std::memcmp(&r, &ref, sizeof r), 0) << type;
+  }
+}
+
+TEST(Trace, PhaseIsPathInWavesOfTheTracedWavelength) {
+  System const sys = nuvrix_test::cooke_triplet();
+  double const wl = 587.5618;
+  RayTraceResult const r = trace(sys, 0.0, 3.0, 0.0, 0.0, 1.0, 1, 0, wl);
+  ASSERT_EQ(r.valid, 1);
+  EXPECT_NEAR(r.phase_waves, r.opl / (wl * 1e-6), 1e-9 * r.phase_waves);
+  EXPECT_EQ(trace(sys, 0.0, 3.0, 0.0, 0.0, 1.0, 1, 0, 0.0).phase_waves, 0.0);
+  EXPECT_EQ(trace(sys, 0.0, 3.0, 0.0, 0.0, 1.0, 1, 0, -5.0).phase_waves, 0.0);
+}
+
+TEST(ThinLens, PathCorrectionGivesEqualPathsToTheFocus) {
+  double const f = 50.0;
+  System const sys = nuvrix_test::ideal_thin_lens(f);
+  for (double h : {0.0, 0.5, 3.0, 10.0, 20.0}) {
+    RayTraceResult const r = trace(sys, 0.0, h, 0.0, 0.0, 1.0, 1, 0, 550.0);
+    ASSERT_EQ(r.valid, 1);
+    EXPECT_NEAR(r.y, 0.0, 1e-13);
+    EXPECT_NEAR(r.opl, f, 1e-12) << h;  // the lens removes sqrt(f^2 + h^2) - f
+    EXPECT_NEAR(r.phase_waves, f / 550e-6, 1e-6);
+  }
+  // A point at 2f is imaged at 2f with the optical path 4f along every ray.
+  System finite = sys;
+  finite.surfaces[0].thickness = 2.0 * f;
+  finite.surfaces[1].thickness = 2.0 * f;
+  for (double h : {0.5, 4.0, 15.0}) {
+    double const len = std::hypot(h, 2.0 * f);
+    RayTraceResult const r = trace(finite, 0.0, 0.0, 0.0, h / len, 2.0 * f / len);
+    ASSERT_EQ(r.valid, 1);
+    EXPECT_NEAR(r.y, 0.0, 1e-12);
+    EXPECT_NEAR(r.opl, 4.0 * f, 1e-12) << h;
+  }
+}
+
+TEST(ThinLens, UnusableFocalLengthAndAxisRays) {
+  System sys = nuvrix_test::ideal_thin_lens(50.0);
+  for (double f : {0.0, std::numeric_limits<double>::infinity(), std::nan("")}) {
+    sys.surfaces[1].focal_length = f;
+    RayTraceResult const r = trace(sys, 0.0, 4.0, 0.0, 0.1, std::sqrt(0.99));
+    EXPECT_EQ(r.m, 0.1);
+    EXPECT_DOUBLE_EQ(r.opl, 50.0 / std::sqrt(0.99));  // no correction
+  }
+  sys.surfaces[1].focal_length = 50.0;
+  RayTraceResult const axis = trace(sys, 0.0, 0.0, 0.0, 0.1, std::sqrt(0.99));
+  EXPECT_NEAR(axis.m / axis.n, 0.1 / std::sqrt(0.99), 1e-15);  // through the centre undeviated
+  EXPECT_DOUBLE_EQ(axis.opl, 50.0 / std::sqrt(0.99));
+  // The aperture test comes before the lens acts.
+  sys.surfaces[1].aperture_radius = 1.0;
+  RayTraceResult const clipped = trace(sys, 0.0, 2.0, 0.0, 0.0, 1.0);
+  EXPECT_EQ(clipped.valid, 0);
+  EXPECT_EQ(clipped.n, 1.0);
+}
+
+TEST(MatrixSurface, UnitMatrixKeepsTangentsAndTurnsRayForward) {
+  System sys = nuvrix_test::make_system({0.0, 0.0, 0.0}, {1e10, 10.0, 0.0}, {1.0, 1.0, 1.0});
+  sys.surfaces[1].type = NUVRIX_SURFACE_MATRIX;
+  double const abcd[4] = {1.0, 0.0, 0.0, 1.0};
+  std::memcpy(sys.surfaces[1].coefficients, abcd, sizeof abcd);
+  RayTraceResult const r = trace(sys, 0.5, 2.0, 0.0, 0.6, -0.8, 1, 1);
+  ASSERT_EQ(r.valid, 1);
+  EXPECT_EQ(r.x, 0.5);
+  EXPECT_EQ(r.y, 2.0);
+  EXPECT_GT(r.n, 0.0);
+  EXPECT_NEAR(r.m / r.n, -0.75, 1e-15);
+  EXPECT_NEAR(r.m, -0.6, 1e-15);
+  // A telescope-like matrix: h' = 2 h + 3 t, t' = 0.1 h + 0.5 t.
+  double const m2[4] = {2.0, 3.0, 0.1, 0.5};
+  std::memcpy(sys.surfaces[1].coefficients, m2, sizeof m2);
+  RayTraceResult const s = trace(sys, 0.0, 1.0, 0.0, 0.2 / std::sqrt(1.04), 1.0 / std::sqrt(1.04), 1, 1);
+  EXPECT_NEAR(s.y, 2.0 * 1.0 + 3.0 * 0.2, 1e-14);
+  EXPECT_NEAR(s.m / s.n, 0.1 * 1.0 + 0.5 * 0.2, 1e-14);
+  EXPECT_EQ(s.opl, 0.0);
+}
+
+TEST(ModelGlass, IndexFollowsNdAndAbbeNumber) {
+  double const nd = 1.62041, vd = 60.32;
+  double const n_d = nuvrix::model_index<double>(587.5618, nd, vd, 0.0);
+  double const n_f = nuvrix::model_index<double>(486.1327, nd, vd, 0.0);
+  double const n_c = nuvrix::model_index<double>(656.2725, nd, vd, 0.0);
+  EXPECT_NEAR(n_d, nd, 2e-4);
+  EXPECT_NEAR((n_f - n_c) / ((nd - 1.0) / vd), 1.0, 0.02);  // the definition of the Abbe number
+  EXPECT_GT(n_f, n_d);
+  EXPECT_EQ(nuvrix::model_index<double>(550.0, 1.7, 0.0, 0.3), 1.7);
+  EXPECT_EQ(nuvrix::model_index<double>(550.0, 1.7, 5e-13, 0.3), 1.7);
+
+  // In the trace: the model overrides the row only at a positive wavelength.
+  System sys = nuvrix_test::make_system({0.0, 0.0, 0.0}, {1e10, 5.0, 0.0}, {1.0, 1.8, 1.8});
+  sys.surfaces[1].model_glass = 1;
+  sys.surfaces[1].model_nd = nd;
+  sys.surfaces[1].model_vd = vd;
+  double const s = 0.3;
+  RayTraceResult const row = trace(sys, 0, 0, 0, s, std::sqrt(1 - s * s), 1, 1, 0.0);
+  EXPECT_NEAR(row.m, s / 1.8, 1e-15);
+  RayTraceResult const model = trace(sys, 0, 0, 0, s, std::sqrt(1 - s * s), 1, 1, 486.1327);
+  EXPECT_NEAR(model.m, s / n_f, 1e-15);
+  // Outside the array the medium is air.
+  EXPECT_EQ(nuvrix::detail::rt_medium_index(sys.surfaces.data(), 3, sys.row(), 3, 500.0), 1.0);
+  EXPECT_EQ(nuvrix::detail::rt_medium_index(sys.surfaces.data(), 3, sys.row(), -1, 500.0), 1.0);
+}

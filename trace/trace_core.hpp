@@ -1,0 +1,248 @@
+// The real-ray trace: one ray in double precision through a range of
+// surfaces.  Everything that needs a real ray ends here.
+#pragma once
+
+#include "api/types.hpp"
+#include "trace/conic.hpp"
+#include "trace/even_asphere.hpp"
+#include "trace/material.hpp"
+#include "trace/paraxial_surface.hpp"
+#include "trace/refract.hpp"
+
+namespace nuvrix {
+namespace detail {
+
+constexpr double kOnAxisR2 = 1e-20;       // thin lens: r^2 at or below is the axis
+constexpr double kFlatSlope = 1e-12;      // thin lens: |slope| at or below is parallel
+constexpr int kExportedHistory = 256;     // history capacity of the exported full trace
+
+NUVRIX_HD RayState rt_to_state(RayStateT<double> const& r, int status) {
+  RayState s;
+  s.x = r.x;
+  s.y = r.y;
+  s.z = r.z;
+  s.l = r.l;
+  s.m = r.m;
+  s.n = r.n;
+  s.nx = r.nx;
+  s.ny = r.ny;
+  s.nz = r.nz;
+  s.sag_path = r.sag_path;
+  s.status = status;
+  return s;
+}
+
+// Copies the ray's state into the leading fields of a result.
+NUVRIX_HD void rt_put_state(RayTraceResult& res, RayStateT<double> const& r, int status) {
+  res.x = r.x;
+  res.y = r.y;
+  res.z = r.z;
+  res.l = r.l;
+  res.m = r.m;
+  res.n = r.n;
+  res.nx = r.nx;
+  res.ny = r.ny;
+  res.nz = r.nz;
+  res.sag_path = r.sag_path;
+  res.status = status;
+}
+
+NUVRIX_HD RayTraceResult rt_failure(RayStateT<double> const& r, int status, int surface,
+                                    double violation, int states_written) {
+  RayTraceResult res = {};
+  rt_put_state(res, r, status);
+  res.valid = 0;
+  res.failed_surface = surface;
+  res.violation = violation;
+  res.states_written = states_written;
+  return res;
+}
+
+// Hard limit on the ray height at a surface, or 0 for none: the aperture
+// radius first, then its alternative, then a semi-diameter that is fixed, or
+// automatic and scaled below 100 percent, unless overridden.
+NUVRIX_HD double rt_aperture_limit(SurfaceData const& s) {
+  if (s.aperture_radius > 0.0) return s.aperture_radius;
+  if (s.aperture_radius_alt > 0.0) return s.aperture_radius_alt;
+  if (s.semi_diameter > 0.0 && !(s.aperture_override > 0.0) &&
+      (s.aperture_kind == 1 || (s.aperture_kind == 0 && s.aperture_percent < 100.0))) {
+    return s.semi_diameter;
+  }
+  return 0.0;
+}
+
+// Optical path of an ideal thin lens for a ray off its axis: the lens images
+// the point where the incoming ray crosses the axis (s = r / u) onto the
+// point where the outgoing ray crosses it (s' = -r / u'), and removes the
+// excess of the oblique paths over the axial ones so that the two points are
+// joined by equal optical paths, as a perfect lens requires.
+NUVRIX_HD double rt_thin_lens_path(double r, double r2, double u, double up, double n1,
+                                   double n2) {
+  double object_term = 0.0, image_term = 0.0;
+  if (fabs(u) > kFlatSlope) {
+    double const s = r / u;
+    double const sign = s < 0.0 ? -1.0 : 1.0;
+    object_term = -sign * n1 * (sqrt(fma(s, s, r2)) - fabs(s));
+  }
+  if (fabs(up) > kFlatSlope) {
+    double const sp = -r / up;
+    double const sign = sp < 0.0 ? -1.0 : 1.0;
+    image_term = -sign * n2 * (sqrt(fma(sp, sp, r2)) - fabs(sp));
+  }
+  return object_term + image_term;
+}
+
+// The paraxial lens of the real trace: direction change and, off the axis,
+// the ideal lens's path correction added to opl and phase.
+NUVRIX_HD void rt_paraxial_lens(RayStateT<double>& ray, double n1, double n2, double f,
+                                double wavelength, double& phase) {
+  bool const usable = focal_length_usable(f);
+  double const r2 = sum_sq2(ray.x, ray.y);
+  bool const blocked = fabs(ray.n) < kTiny || fabs(n2) < kTiny;
+  if (!(r2 > kOnAxisR2 && usable)) {
+    if (usable && !blocked) refract_paraxial_t<double, double>(ray, n1, n2, f);
+    return;
+  }
+  double const r = sqrt(r2);
+  double const tx = ray.l / ray.n, ty = ray.m / ray.n;
+  double const u = fma(ray.y, ty, ray.x * tx) / r;
+  double txp = tx, typ = ty;
+  if (!blocked) {
+    txp = thin_lens_tangent_t(n1, tx, ray.x, f, n2);
+    typ = thin_lens_tangent_t(n1, ty, ray.y, f, n2);
+    set_direction_from_tangents_t(ray, txp, typ);
+  }
+  double const up = fma(ray.y, typ, ray.x * txp) / r;
+  double const extra = rt_thin_lens_path(r, r2, u, up, n1, n2);
+  ray.opl += extra;
+  if (wavelength > 0.0) phase += extra * 1000.0 / (wavelength / 1000.0);
+}
+
+// Traces one ray from (x, y, 0) with direction (l, m, n), given in the frame
+// of surface start_surface - 1, through surfaces start_surface ..
+// last_surface (below 1: the image surface).  With `states`, slot 0 gets the
+// launch and each surface reached one record, up to max_states; the count
+// goes on past the capacity.  Apertures are tested unless ignore_apertures.
+NUVRIX_HD RayTraceResult rt_trace_impl(SurfaceData const* surfaces, int surface_count,
+                                       double const* indices, double x, double y, double l,
+                                       double m, double n, RayState* states, int start_surface,
+                                       int last_surface, double wavelength, int max_states,
+                                       bool ignore_apertures) {
+  RayStateT<double> ray = {x, y, 0.0, l, m, n, 0.0, 0.0, 0.0, 0.0, 0.0, 0};
+  double phase = 0.0;
+  int count = 0;
+  if (states != nullptr) {
+    if (max_states > 0) states[0] = rt_to_state(ray, 0);
+    count = 1;
+  }
+  // A trace that starts before surface 1 has no frame to start in.
+  if (start_surface < 1) return rt_failure(ray, NUVRIX_RAY_MISSED, start_surface, 1.0, count);
+  int last = last_surface < 1 ? surface_count - 1 : last_surface;
+  if (last > surface_count - 1) last = surface_count - 1;  // nothing lies beyond the image
+  if (last < start_surface) {
+    RayTraceResult res = {};
+    rt_put_state(res, ray, 0);
+    res.valid = 1;
+    res.failed_surface = -1;
+    res.states_written = count;
+    return res;
+  }
+  if (surfaces == nullptr || indices == nullptr) {
+    return rt_failure(ray, NUVRIX_RAY_MISSED, start_surface, 1.0, count);
+  }
+
+  for (int i = start_surface; i <= last; ++i) {
+    double const n1 = rt_medium_index(surfaces, surface_count, indices, i - 1, wavelength);
+    double const n2 = rt_medium_index(surfaces, surface_count, indices, i, wavelength);
+    SurfaceData const& prev = surfaces[i - 1];
+    SurfaceData const& s = surfaces[i];
+
+    // Transfer to the vertex plane of surface i.
+    double const t = prev.thickness;
+    double const xo = ray.x, yo = ray.y, zo = ray.z;
+    bool const infinite = is_infinite_distance(t);
+    if (!infinite && !(fabs(ray.n) < kTiny)) {
+      double const d = (t - ray.z) / ray.n;
+      ray.x = fma(d, ray.l, ray.x);
+      ray.y = fma(d, ray.m, ray.y);
+      ray.z = 0.0;
+    }
+
+    // Intersect the surface.
+    RayStateT<double> const on_plane = ray;
+    bool hit;
+    if (s.type == NUVRIX_SURFACE_EVEN_ASPHERE) {
+      double total = 0.0;
+      hit = asphere_walk(ray.x, ray.y, ray.z, ray.l, ray.m, ray.n, s.curvature, s.conic,
+                         s.coefficients, total);
+      if (hit) {
+        double const dx = ray.x - on_plane.x, dy = ray.y - on_plane.y, dz = ray.z - on_plane.z;
+        double d = sqrt(dot3(dx, dy, dz, dx, dy, dz));
+        if (dot3(dx, dy, dz, ray.l, ray.m, ray.n) < 0.0) d = -d;
+        ray.sag_path += d;
+        even_asphere_normal_t<double>(ray, s.curvature, s.conic, s.coefficients);
+      }
+    } else {
+      hit = intersect_conic_t<double>(ray, s.curvature, s.conic);
+      if (hit && !(fabs(s.curvature) < kPlaneCurvature)) {
+        conic_normal_t<double>(ray, s.curvature, s.conic);
+      }
+    }
+    if (!hit || !is_finite(ray.x) || !is_finite(ray.y) || !is_finite(ray.z)) {
+      return rt_failure(on_plane, NUVRIX_RAY_MISSED, i, 1.0, count);
+    }
+
+    // Optical path of the step, signed by the direction of travel.
+    if (!infinite) {
+      double const dx = ray.x - xo, dy = ray.y - yo, dz = ray.z + t - zo;
+      double d = sqrt(dot3(dx, dy, dz, dx, dy, dz));
+      if (!(prev.is_mirror != 0 && t < 0.0) && dz * ray.n < 0.0) d = -d;
+      ray.opl += d * n1;
+      if (wavelength > 0.0) phase += d * 1000.0 * n1 / (wavelength / 1000.0);
+    }
+
+    // Aperture, on every surface but the image.
+    if (i < surface_count - 1 && !ignore_apertures) {
+      double const limit = rt_aperture_limit(s);
+      double const r2 = sum_sq2(ray.x, ray.y);
+      if (limit > 0.0 && r2 > limit * limit * kApertureMargin) {
+        if (states != nullptr) {
+          if (count < max_states) states[count] = rt_to_state(ray, NUVRIX_RAY_MISSED);
+          ++count;
+        }
+        return rt_failure(ray, NUVRIX_RAY_MISSED, i, sqrt(r2) / limit - 1.0, count);
+      }
+    }
+
+    // Act on the ray; the image surface never does.
+    if (!(i >= surface_count - 1 && i >= last)) {
+      if (s.type == NUVRIX_SURFACE_PARAXIAL_LENS) {
+        rt_paraxial_lens(ray, n1, n2, s.focal_length, wavelength, phase);
+      } else if (s.type == NUVRIX_SURFACE_MATRIX) {
+        apply_abcd_generic(ray, s.coefficients);
+      } else if (s.is_mirror != 0) {
+        reflect_t<double>(ray);
+      } else if (!refract_t<double, double>(ray, n1, n2)) {
+        return rt_failure(ray, NUVRIX_RAY_TIR, i, tir_margin(ray, n1, n2), count);
+      }
+    }
+
+    if (states != nullptr) {
+      if (count < max_states) states[count] = rt_to_state(ray, 0);
+      ++count;
+    }
+  }
+
+  RayTraceResult res = {};
+  rt_put_state(res, ray, 0);
+  res.opl = ray.opl;
+  res.phase_waves = phase;
+  res.valid = 1;
+  res.states_written = count;
+  res.failed_surface = -1;
+  res.violation = 0.0;
+  return res;
+}
+
+}  // namespace detail
+}  // namespace nuvrix
