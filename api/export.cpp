@@ -4,7 +4,22 @@
 #include "trace/trace_core.hpp"
 
 namespace {
+
 constexpr char kVersion[] = "0.1.0";
+
+// The exported trace, with the whole core inlined into a copy of its own in
+// which the history and aperture arguments are constants.  The call from
+// the frame then neither goes through the exported (interposable) symbol of
+// the inline core nor tests the history on every surface.
+__attribute__((flatten)) RayTraceResult trace_no_history(SurfaceData const* surfaces,
+                                                         int surface_count, double const* indices,
+                                                         int start_surface, int last_surface,
+                                                         double x, double y, double l, double m,
+                                                         double n, double wavelength) {
+  return nuvrix::detail::rt_trace_impl(surfaces, surface_count, indices, x, y, l, m, n, nullptr,
+                                       start_surface, last_surface, wavelength, 0, false);
+}
+
 }  // namespace
 
 extern "C" {
@@ -31,8 +46,8 @@ RayTraceResult nuvrix_trace_ray(const SurfaceData* surfaces, int32_t surface_cou
                                 const double* indices, int32_t start_surface,
                                 int32_t last_surface, double x, double y, double l, double m,
                                 double n, double wavelength) {
-  return nuvrix::detail::rt_trace_impl(surfaces, surface_count, indices, x, y, l, m, n, nullptr,
-                                       start_surface, last_surface, wavelength, 0, false);
+  return trace_no_history(surfaces, surface_count, indices, start_surface, last_surface, x, y, l,
+                          m, n, wavelength);
 }
 
 RayTraceResult nuvrix_trace_ray_full(const SurfaceData* surfaces, int32_t surface_count,
