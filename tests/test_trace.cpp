@@ -22,6 +22,20 @@ RayTraceResult trace(System const& sys, double x, double y, double l, double m, 
                           wavelength);
 }
 
+// Field-by-field bitwise equality (the padding of the record is not compared).
+bool same_bits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+bool same_result(RayTraceResult const& a, RayTraceResult const& b) {
+  double const da[] = {a.x, a.y, a.z, a.l, a.m, a.n, a.nx, a.ny, a.nz, a.sag_path, a.opl,
+                       a.phase_waves, a.violation};
+  double const db[] = {b.x, b.y, b.z, b.l, b.m, b.n, b.nx, b.ny, b.nz, b.sag_path, b.opl,
+                       b.phase_waves, b.violation};
+  for (int k = 0; k < 13; ++k) {
+    if (!same_bits(da[k], db[k])) return false;
+  }
+  return a.status == b.status && a.valid == b.valid && a.states_written == b.states_written &&
+         a.failed_surface == b.failed_surface;
+}
+
 double norm3(double a, double b, double c) { return std::sqrt(a * a + b * b + c * c); }
 
 // A single refracting sphere of radius R, the object plane at distance t0.
@@ -293,7 +307,7 @@ TEST(Trace, BadInputFailsWithStatusNeverCrashes) {
   EXPECT_EQ(r.status, NUVRIX_RAY_MISSED);
   RayTraceResult const beyond = trace(sys, 0.0, 1.0, 0.0, 0.0, 1.0, 1, 50);
   RayTraceResult const image = trace(sys, 0.0, 1.0, 0.0, 0.0, 1.0, 1, 0);
-  EXPECT_EQ(std::memcmp(&beyond, &image, sizeof image), 0);
+  EXPECT_TRUE(same_result(beyond, image));
 }
 
 TEST(Trace, UnknownSurfaceTypesTraceAsConics) {
@@ -304,7 +318,7 @@ TEST(Trace, UnknownSurfaceTypesTraceAsConics) {
     System odd = sys;
     for (int i = 1; i < odd.count(); ++i) odd.surfaces[i].type = type;
     RayTraceResult const r = trace(odd, 0.0, 3.0, 0.0, 0.1, std::sqrt(0.99));
-    EXPECT_EQ(std::memcmp(&r, &ref, sizeof r), 0) << type;
+    EXPECT_TRUE(same_result(r, ref)) << type;
   }
 }
 
