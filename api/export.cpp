@@ -1,6 +1,8 @@
 // The exported C frames.  Each is a thin forward to the engine function of
 // its family, filling only the arguments that the exported form fixes.
 #include "api/nuvrix.h"
+#include "first_order/paraxial.hpp"
+#include "first_order/paraxial_solve.hpp"
 #include "trace/trace_core.hpp"
 
 namespace {
@@ -57,6 +59,38 @@ RayTraceResult nuvrix_trace_ray_full(const SurfaceData* surfaces, int32_t surfac
   return nuvrix::detail::rt_trace_impl(surfaces, surface_count, indices, x, y, l, m, n, states,
                                        start_surface, last_surface, wavelength,
                                        nuvrix::detail::kExportedHistory, false);
+}
+
+double nuvrix_focal_length(const SurfaceData* surfaces, int32_t n, const double* indices) {
+  return nuvrix::focal_length(surfaces, n, indices);
+}
+
+double nuvrix_calculate_efl(const SurfaceData* surfaces, int32_t n, const double* indices) {
+  return nuvrix::calculate_efl(surfaces, n, indices);
+}
+
+double nuvrix_calculate_bfl(const SurfaceData* surfaces, int32_t n, const double* indices) {
+  return nuvrix::calculate_bfl(surfaces, n, indices);
+}
+
+ParaxialSolveResult nuvrix_paraxial_solve(const SurfaceData* surfaces, int32_t n,
+                                          const double* indices, const SystemConfig* config,
+                                          const FieldData* fields, int32_t field_count,
+                                          ParaxialRayState* marginal_rows,
+                                          ParaxialRayState* chief_rows) {
+  return nuvrix::paraxial_solve(surfaces, n, indices, config, fields, field_count, marginal_rows,
+                                chief_rows);
+}
+
+double nuvrix_entrance_pupil_position(const SurfaceData* surfaces, int32_t n,
+                                      const double* indices, int32_t stop_surface) {
+  return nuvrix::compute_entrance_pupil_position(surfaces, n, indices, stop_surface);
+}
+
+double nuvrix_compute_exit_pupil_position(const SurfaceData* surfaces, int32_t n,
+                                          const double* indices, const SystemConfig* config,
+                                          const FieldData* fields, int32_t field_count) {
+  return nuvrix::compute_exit_pupil_position(surfaces, n, indices, config, fields, field_count);
 }
 
 }  // extern "C"

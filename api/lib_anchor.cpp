@@ -4,6 +4,8 @@
 // mangled name, so that hosts and tools can link to the same code the
 // analyses inline.
 #include "api/nuvrix.h"
+#include "first_order/paraxial.hpp"
+#include "first_order/paraxial_solve.hpp"
 #include "trace/trace_core.hpp"
 
 namespace {
@@ -28,6 +30,22 @@ __attribute__((used)) void const* const kAnchors[] = {
     reinterpret_cast<void const*>(&nuvrix::intersect_even_asphere_t<D>),
     reinterpret_cast<void const*>(&nuvrix::even_asphere_normal_t<D>),
     reinterpret_cast<void const*>(&nuvrix::model_index<D>),
+    reinterpret_cast<void const*>(&nuvrix::trace_paraxial_ray),
+    reinterpret_cast<void const*>(&nuvrix::trace_paraxial_end),
+    reinterpret_cast<void const*>(&nuvrix::calculate_efl_abcd),
+    reinterpret_cast<void const*>(&nuvrix::calculate_efl),
+    reinterpret_cast<void const*>(&nuvrix::calculate_bfl),
+    reinterpret_cast<void const*>(&nuvrix::focal_length),
+    reinterpret_cast<void const*>(&nuvrix::trace_paraxial_ray_t<D, D>),
+    reinterpret_cast<void const*>(&nuvrix::calculate_efl_abcd_t<D, D>),
+    reinterpret_cast<void const*>(&nuvrix::calculate_bfl_t<D, D>),
+    reinterpret_cast<void const*>(&nuvrix::compute_entrance_pupil_position),
+    reinterpret_cast<void const*>(&nuvrix::compute_entrance_pupil_position_t<D, D>),
+    reinterpret_cast<void const*>(&nuvrix::compute_exit_pupil_position_t<D, D>),
+    reinterpret_cast<void const*>(&nuvrix::compute_exit_pupil_position),
+    reinterpret_cast<void const*>(&nuvrix::paraxial_marginal_height),
+    reinterpret_cast<void const*>(&nuvrix::trace_chief_ray),
+    reinterpret_cast<void const*>(&nuvrix::paraxial_solve),
 };
 
 }  // namespace

@@ -117,6 +117,55 @@ typedef struct RayTraceResult {
 } RayTraceResult;
 
 /* ------------------------------------------------------------------------ */
+/* First-order records                                                      */
+/* ------------------------------------------------------------------------ */
+
+/* One row of a paraxial trace: row i is the state after surface i + 1. */
+typedef struct ParaxialRayState {
+  double y;  /* height at the surface */
+  double u;  /* slope after the surface */
+  double nu; /* reduced slope: the numerator of the refraction step */
+} ParaxialRayState;
+
+/* First-order description of a system.  Values that cannot be formed are 0. */
+typedef struct ParaxialSolveResult {
+  double efl;                     /* effective focal length (0 when afocal) */
+  double bfl;                     /* back focal distance */
+  double reserved;                /* never written: 0 */
+  double entrance_pupil_position; /* from surface 1 */
+  double exit_pupil_position;     /* from the last surface */
+  double entrance_pupil_diameter; /* twice the marginal launch height */
+  double exit_pupil_diameter;
+  double total_length;            /* sum of the thicknesses of surfaces 1 .. n - 2 */
+  double image_distance;          /* the same value as bfl */
+} ParaxialSolveResult;
+
+/* Third-order (Seidel) sums of one surface. */
+typedef struct SeidelSurfaceCoeffs {
+  int32_t surface;
+  double s1, s2, s3, s4, s5; /* spherical, coma, astigmatism, Petzval, distortion */
+  double c1, c2;             /* axial and lateral colour */
+} SeidelSurfaceCoeffs;
+
+/* Records written and the totals over them. */
+typedef struct SeidelResult {
+  int32_t count;
+  double s1, s2, s3, s4, s5;
+  double c1, c2;
+} SeidelResult;
+
+/* Back focal distance of one wavelength relative to the reference. */
+typedef struct ChromaticShiftPoint {
+  double wavelength;
+  double shift;
+} ChromaticShiftPoint;
+
+typedef struct ChromaticFocalShiftResult {
+  int32_t count;
+  double max_shift;
+} ChromaticFocalShiftResult;
+
+/* ------------------------------------------------------------------------ */
 /* Merit records                                                            */
 /* ------------------------------------------------------------------------ */
 
@@ -245,6 +294,58 @@ RayTraceResult nuvrix_trace_ray_full(const SurfaceData* surfaces, int32_t surfac
                                      const double* indices, RayState* states,
                                      int32_t start_surface, int32_t last_surface, double x,
                                      double y, double l, double m, double n, double wavelength);
+
+/* ------------------------------------------------------------------------ */
+/* First order                                                              */
+/* ------------------------------------------------------------------------ */
+
+/* The plain focal length: -y/u at the last surface of a unit ray that came
+ * in parallel, every surface refracting by its own curvature (mirror flags
+ * and matrix elements ignored).  1e15 when afocal or n <= 1. */
+double nuvrix_focal_length(const SurfaceData* surfaces, int32_t n, const double* indices);
+
+/* Effective focal length -n0 / (u' n').  1e15 when afocal, 0 when n < 2. */
+double nuvrix_calculate_efl(const SurfaceData* surfaces, int32_t n, const double* indices);
+
+/* Back focal distance from the last surface in front of the image.  1e15
+ * when the ray leaves parallel, 0 when n <= 2. */
+double nuvrix_calculate_bfl(const SurfaceData* surfaces, int32_t n, const double* indices);
+
+/* First-order data of the system; the row arrays (256 rows each) may be null.
+ * Values that cannot be formed are 0 (an afocal system has efl 0). */
+ParaxialSolveResult nuvrix_paraxial_solve(const SurfaceData* surfaces, int32_t n,
+                                          const double* indices, const SystemConfig* config,
+                                          const FieldData* fields, int32_t field_count,
+                                          ParaxialRayState* marginal_rows,
+                                          ParaxialRayState* chief_rows);
+
+/* Entrance pupil position measured from surface 1; 0 when the stop is
+ * surface 0 or 1, or the object space is telecentric. */
+double nuvrix_entrance_pupil_position(const SurfaceData* surfaces, int32_t n,
+                                      const double* indices, int32_t stop_surface);
+
+/* Exit pupil position measured from the last surface, as the solve gives it. */
+double nuvrix_compute_exit_pupil_position(const SurfaceData* surfaces, int32_t n,
+                                          const double* indices, const SystemConfig* config,
+                                          const FieldData* fields, int32_t field_count);
+
+/* Third-order surface contributions of the system for display: one record
+ * per contributing surface (up to capacity) and the totals.  The colour
+ * sums need both indices_short and indices_long (either may be null).
+ * Returns 0. */
+int32_t nuvrix_compute_seidel(const SurfaceData* surfaces, int32_t n, const double* indices,
+                              const double* indices_short, const double* indices_long,
+                              const SystemConfig* config, const FieldData* fields,
+                              int32_t field_count, SeidelSurfaceCoeffs* coefficients,
+                              int32_t capacity, SeidelResult* result);
+
+/* Back focal distance of each of count index rows relative to that of
+ * reference_indices; points[k] gets wavelengths[k] and the shift.  Returns 0. */
+int32_t nuvrix_compute_chromatic_focal_shift(const SurfaceData* surfaces, int32_t n,
+                                             const double* reference_indices,
+                                             const double* wavelengths, const double* index_table,
+                                             int32_t count, ChromaticShiftPoint* points,
+                                             ChromaticFocalShiftResult* result);
 
 #ifdef __cplusplus
 } /* extern "C" */

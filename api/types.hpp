@@ -20,9 +20,16 @@ namespace nuvrix {
 
 // The plain double maths, pulled into the namespace so that an unqualified
 // call serves double here and, by argument-dependent lookup, the dual numbers.
+using ::acos;
+using ::atan2;
+using ::cos;
+using ::exp;
 using ::fabs;
 using ::fma;
+using ::log;
+using ::sin;
 using ::sqrt;
+using ::tan;
 
 // Largest number of surfaces of a system; fixed work arrays are sized for it.
 constexpr int kMaxSurfaces = 256;
@@ -54,6 +61,9 @@ NUVRIX_HD double val(double v) { return v; }
 
 // True for a finite double (false for infinities and NaN).
 NUVRIX_HD bool is_finite(double v) { return fabs(v) <= DBL_MAX; }
+
+// True for +-infinity only (NaN is not).
+NUVRIX_HD bool is_inf(double v) { return fabs(v) > DBL_MAX; }
 
 // A distance is infinite when it is not finite or at least 1e10 in magnitude.
 NUVRIX_HD bool is_infinite_distance(double t) { return !(fabs(t) < kInfiniteDistance); }
