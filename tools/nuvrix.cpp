@@ -44,5 +44,8 @@ int main(int argc, char** argv) {
   }
   lensfile::print_system(lens);
   lensfile::print_real_rays(lens);
+  lensfile::print_first_order(lens);
+  lensfile::print_seidel(lens);
+  lensfile::print_focal_shift(lens);
   return 0;
 }
