@@ -3,6 +3,8 @@
 #include "api/nuvrix.h"
 #include "first_order/paraxial.hpp"
 #include "first_order/paraxial_solve.hpp"
+#include "first_order/chromatic_focal_shift.hpp"
+#include "first_order/seidel.hpp"
 #include "trace/trace_core.hpp"
 
 namespace {
@@ -91,6 +93,25 @@ double nuvrix_compute_exit_pupil_position(const SurfaceData* surfaces, int32_t n
                                           const double* indices, const SystemConfig* config,
                                           const FieldData* fields, int32_t field_count) {
   return nuvrix::compute_exit_pupil_position(surfaces, n, indices, config, fields, field_count);
+}
+
+int32_t nuvrix_compute_seidel(const SurfaceData* surfaces, int32_t n, const double* indices,
+                              const double* indices_short, const double* indices_long,
+                              const SystemConfig* config, const FieldData* fields,
+                              int32_t field_count, SeidelSurfaceCoeffs* coefficients,
+                              int32_t capacity, SeidelResult* result) {
+  return nuvrix::compute_seidel_coefficients(surfaces, n, indices, indices_short, indices_long,
+                                             config, fields, field_count, coefficients, capacity,
+                                             result);
+}
+
+int32_t nuvrix_compute_chromatic_focal_shift(const SurfaceData* surfaces, int32_t n,
+                                             const double* reference_indices,
+                                             const double* wavelengths, const double* index_table,
+                                             int32_t count, ChromaticShiftPoint* points,
+                                             ChromaticFocalShiftResult* result) {
+  return nuvrix::compute_chromatic_focal_shift(surfaces, n, reference_indices, wavelengths,
+                                               index_table, count, points, result);
 }
 
 }  // extern "C"

@@ -6,6 +6,7 @@
 #include "api/nuvrix.h"
 #include "first_order/paraxial.hpp"
 #include "first_order/paraxial_solve.hpp"
+#include "first_order/seidel.hpp"
 #include "trace/trace_core.hpp"
 
 namespace {
@@ -46,6 +47,10 @@ __attribute__((used)) void const* const kAnchors[] = {
     reinterpret_cast<void const*>(&nuvrix::paraxial_marginal_height),
     reinterpret_cast<void const*>(&nuvrix::trace_chief_ray),
     reinterpret_cast<void const*>(&nuvrix::paraxial_solve),
+    reinterpret_cast<void const*>(&nuvrix::get_launch_conditions),
+    reinterpret_cast<void const*>(&nuvrix::seidel_range_sum_t<D, D>),
+    reinterpret_cast<void const*>(&nuvrix::subsystem_transfer_t<D, D>),
+    reinterpret_cast<void const*>(&nuvrix::compute_subsystem_abcd_t<D, D>),
 };
 
 }  // namespace

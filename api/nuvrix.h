@@ -165,6 +165,12 @@ typedef struct ChromaticFocalShiftResult {
   double max_shift;
 } ChromaticFocalShiftResult;
 
+/* An aimed crossing point on the tangent plane of surface 1. */
+typedef struct AimToStopResult {
+  double x, y;
+  int32_t converged; /* 1 when the point can be used */
+} AimToStopResult;
+
 /* ------------------------------------------------------------------------ */
 /* Merit records                                                            */
 /* ------------------------------------------------------------------------ */

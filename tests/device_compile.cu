@@ -1,5 +1,6 @@
 // Compiled by nvcc only: proves that the trace core builds as device code,
 // so that the kernels can run the very same trace as the CPU.
+#include "first_order/seidel.hpp"
 #include "trace/trace_core.hpp"
 
 using nuvrix::RayStateT;
@@ -19,4 +20,27 @@ extern "C" __global__ void nuvrix_device_compile_probe(SurfaceData const* surfac
   nuvrix::intersect_even_asphere_t<double>(ray, c, k, surfaces[1].coefficients);
   double const n = nuvrix::model_index<double>(550.0, 1.5, 60.0, 0.0);
   out[0] = r.y + ray.y + n;
+
+  // The Seidel sums, the launch of their rays and the matrix of a range of surfaces.
+  int const m = count < 4 ? count : 4;
+  double curvatures[4], thicknesses[4];
+  for (int k = 0; k < m; ++k) {
+    curvatures[k] = surfaces[k].curvature;
+    thicknesses[k] = surfaces[k].thickness;
+  }
+  SystemConfig config = {};
+  double x0, y0, l0, m0, n0;
+  nuvrix::get_launch_conditions(surfaces, m, indices, &config, surfaces[0].thickness, 5.0,
+                                10.0, 1.0, 20.0, x0, y0, l0, m0, n0);
+  double const s1 = nuvrix::seidel_range_sum_t<double, double>(
+      curvatures, thicknesses, indices, indices, indices, surfaces, m, 0, 1, 10.0, 5.0, 0.0, 0, 1,
+      m - 1, nullptr, nullptr, nullptr);
+  double ty, tu, A, B, C, D;
+  nuvrix::subsystem_transfer_t<double, double>(curvatures, thicknesses, indices, surfaces, m, 1,
+                                               m - 1, 1.0, 0.0, ty, tu, nullptr, nullptr);
+  nuvrix::compute_subsystem_abcd_t<double, double>(curvatures, thicknesses, indices, surfaces, m,
+                                                   1, m - 1, A, C, B, D, nullptr,
+                                                   nullptr);
+  out[1] = y0 + m0 + n0 + s1 + ty + tu + A * D - B * C;
+
 }

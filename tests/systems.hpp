@@ -80,4 +80,28 @@ inline System eight_term_asphere() {
   return sys;
 }
 
+// A retrofocus-like lens whose strong negative front element images the stop
+// with much pupil aberration: an unaimed ray misses the stop centre visibly.
+inline System retrofocus() {
+  return make_system({0.0, 40.0, 12.0, 0.0, 35.0, -35.0, 0.0},
+                     {1e10, 2.5, 18.0, 6.0, 5.0, 45.0, 0.0}, {1.0, 1.62, 1.0, 1.0, 1.62, 1.0, 1.0});
+}
+constexpr int kRetrofocusStop = 3;
+
+// A fisheye-like front: a deep meniscus that accepts rays from beyond 90
+// degrees of field, then the stop and a positive group.
+inline System fisheye() {
+  return make_system({0.0, 30.0, 9.0, 0.0, 20.0, -20.0, 0.0},
+                     {1e10, 3.0, 14.0, 4.0, 5.0, 25.0, 0.0}, {1.0, 1.7, 1.0, 1.0, 1.6, 1.0, 1.0});
+}
+constexpr int kFisheyeStop = 3;
+
+// A finite-conjugate relay: object 60 mm in front of a biconvex singlet with
+// the stop just behind it.
+inline System finite_relay() {
+  return make_system({0.0, 40.0, -40.0, 0.0, 0.0}, {60.0, 5.0, 2.0, 60.0, 0.0},
+                     {1.0, 1.5168, 1.0, 1.0, 1.0});
+}
+constexpr int kFiniteRelayStop = 3;
+
 }  // namespace nuvrix_test

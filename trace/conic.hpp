@@ -14,14 +14,23 @@
 namespace nuvrix {
 namespace detail {
 
+// The terms of the ray-conic quadratic at (x, y, z) along (l, m, n): F, B
+// and the discriminant D = B^2 - a F, whose roots are t = F / (B +- sqrt(D)).
+template <typename T>
+NUVRIX_HD void conic_quadratic_t(T const& x, T const& y, T const& z, T const& l, T const& m,
+                                 T const& n, T const& c, T const& k1, T& F, T& B, T& D) {
+  F = c * fma(k1 * z, z, sum_sq2(x, y)) - 2.0 * z;
+  B = n - c * dot3(x, y, k1 * z, l, m, n);
+  D = B * B - c * F * fma(k1 * n, n, sum_sq2(l, m));
+}
+
 // Distance along the ray from (x, y, z) to the conic; false when the
 // discriminant is negative or the denominator is below 1e-15.
 template <typename T>
 NUVRIX_HD bool conic_distance_t(T const& x, T const& y, T const& z, T const& l, T const& m,
                                 T const& n, T const& c, T const& k1, T& t) {
-  T const F = c * fma(k1 * z, z, sum_sq2(x, y)) - 2.0 * z;
-  T const B = n - c * dot3(x, y, k1 * z, l, m, n);
-  T const D = B * B - c * F * fma(k1 * n, n, sum_sq2(l, m));
+  T F, B, D;
+  conic_quadratic_t(x, y, z, l, m, n, c, k1, F, B, D);
   if (val(D) < 0.0) return false;
   T const s = sqrt(D);
   T const den = val(B) >= 0.0 ? B + s : B - s;

@@ -118,6 +118,58 @@ NUVRIX_HD void rt_paraxial_lens(RayStateT<double>& ray, double n1, double n2, do
   if (wavelength > 0.0) phase += extra * 1000.0 / (wavelength / 1000.0);
 }
 
+// Carries the ray across a finite space of thickness t, from its point in
+// the frame of the surface before to the vertex plane of the next surface.
+// A ray with |n| below 1e-15 never reaches that plane and stays where it is.
+NUVRIX_HD void rt_transfer(RayStateT<double>& ray, double t) {
+  if (fabs(ray.n) < kTiny) return;
+  double const d = (t - ray.z) / ray.n;
+  ray.x = fma(d, ray.l, ray.x);
+  ray.y = fma(d, ray.m, ray.y);
+  ray.z = 0.0;
+}
+
+// Moves the ray from where it stands onto surface s and stores the normal
+// there: the even-asphere walk for type 1, the plane or nearest conic root
+// for every other type.  False on a miss or a point that is not finite.
+NUVRIX_HD bool rt_intersect_surface(RayStateT<double>& ray, SurfaceData const& s) {
+  bool hit;
+  if (s.type == NUVRIX_SURFACE_EVEN_ASPHERE) {
+    double const xe = ray.x, ye = ray.y, ze = ray.z;
+    double total = 0.0;
+    hit = asphere_walk(ray.x, ray.y, ray.z, ray.l, ray.m, ray.n, s.curvature, s.conic,
+                       s.coefficients, total);
+    if (hit) {
+      // sag_path takes the signed length of the whole walk.
+      double const dx = ray.x - xe, dy = ray.y - ye, dz = ray.z - ze;
+      double d = sqrt(dot3(dx, dy, dz, dx, dy, dz));
+      if (dot3(dx, dy, dz, ray.l, ray.m, ray.n) < 0.0) d = -d;
+      ray.sag_path += d;
+      even_asphere_normal_t<double>(ray, s.curvature, s.conic, s.coefficients);
+    }
+  } else {
+    hit = intersect_conic_t<double>(ray, s.curvature, s.conic);
+    if (hit && !(fabs(s.curvature) < kPlaneCurvature)) {
+      conic_normal_t<double>(ray, s.curvature, s.conic);
+    }
+  }
+  return hit && is_finite(ray.x) && is_finite(ray.y) && is_finite(ray.z);
+}
+
+// Optical path of one step, from (xo, yo, zo) in the frame of the surface
+// before to the ray's point in the frame of the surface it reached, t apart.
+// The length is signed by the direction of travel along z, except in the
+// space behind a mirror that turned the light back.
+NUVRIX_HD void rt_path_step(RayStateT<double>& ray, double& phase, double xo, double yo,
+                            double zo, double t, bool behind_mirror, double n1,
+                            double wavelength) {
+  double const dx = ray.x - xo, dy = ray.y - yo, dz = ray.z + t - zo;
+  double d = sqrt(dot3(dx, dy, dz, dx, dy, dz));
+  if (!(behind_mirror && t < 0.0) && dz * ray.n < 0.0) d = -d;
+  ray.opl += d * n1;
+  if (wavelength > 0.0) phase += d * 1000.0 * n1 / (wavelength / 1000.0);
+}
+
 // Traces one ray from (x, y, 0) with direction (l, m, n), given in the frame
 // of surface start_surface - 1, through surfaces start_surface ..
 // last_surface (below 1: the image surface).  With `states`, slot 0 gets the
@@ -161,45 +213,16 @@ NUVRIX_HD RayTraceResult rt_trace_impl(SurfaceData const* surfaces, int surface_
     double const t = prev.thickness;
     double const xo = ray.x, yo = ray.y, zo = ray.z;
     bool const infinite = is_infinite_distance(t);
-    if (!infinite && !(fabs(ray.n) < kTiny)) {
-      double const d = (t - ray.z) / ray.n;
-      ray.x = fma(d, ray.l, ray.x);
-      ray.y = fma(d, ray.m, ray.y);
-      ray.z = 0.0;
-    }
+    if (!infinite) rt_transfer(ray, t);
 
     // Intersect the surface.
     RayStateT<double> const on_plane = ray;
-    bool hit;
-    if (s.type == NUVRIX_SURFACE_EVEN_ASPHERE) {
-      double total = 0.0;
-      hit = asphere_walk(ray.x, ray.y, ray.z, ray.l, ray.m, ray.n, s.curvature, s.conic,
-                         s.coefficients, total);
-      if (hit) {
-        double const dx = ray.x - on_plane.x, dy = ray.y - on_plane.y, dz = ray.z - on_plane.z;
-        double d = sqrt(dot3(dx, dy, dz, dx, dy, dz));
-        if (dot3(dx, dy, dz, ray.l, ray.m, ray.n) < 0.0) d = -d;
-        ray.sag_path += d;
-        even_asphere_normal_t<double>(ray, s.curvature, s.conic, s.coefficients);
-      }
-    } else {
-      hit = intersect_conic_t<double>(ray, s.curvature, s.conic);
-      if (hit && !(fabs(s.curvature) < kPlaneCurvature)) {
-        conic_normal_t<double>(ray, s.curvature, s.conic);
-      }
-    }
-    if (!hit || !is_finite(ray.x) || !is_finite(ray.y) || !is_finite(ray.z)) {
+    if (!rt_intersect_surface(ray, s)) {
       return rt_failure(on_plane, NUVRIX_RAY_MISSED, i, 1.0, count);
     }
 
     // Optical path of the step, signed by the direction of travel.
-    if (!infinite) {
-      double const dx = ray.x - xo, dy = ray.y - yo, dz = ray.z + t - zo;
-      double d = sqrt(dot3(dx, dy, dz, dx, dy, dz));
-      if (!(prev.is_mirror != 0 && t < 0.0) && dz * ray.n < 0.0) d = -d;
-      ray.opl += d * n1;
-      if (wavelength > 0.0) phase += d * 1000.0 * n1 / (wavelength / 1000.0);
-    }
+    if (!infinite) rt_path_step(ray, phase, xo, yo, zo, t, prev.is_mirror != 0, n1, wavelength);
 
     // Aperture, on every surface but the image.
     if (i < surface_count - 1 && !ignore_apertures) {

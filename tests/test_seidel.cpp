@@ -1,0 +1,377 @@
+// Seidel sums, the paraxial matrix of a range of surfaces and the chromatic
+// focal shift, checked against thin-lens and mirror closed forms, against
+// folded and unfolded forms of one system, and against each other.
+//
+// Sign convention, read off the surface sums: A = n (c y + u), d is the
+// change of u / n across the surface, s1 = -A^2 y d, and the Petzval term is
+// -H^2 (1/n' - 1/n) c with H = n (u y_c - u_c y).  For a thin lens of
+// power phi = (N - 1)(c1 - c2) in air this gives sum s4 = +H^2 phi / N, sum
+// s1 > 0 for a positive lens (under-corrected), and sum c1 = -y^2 phi / V
+// with V = (N - 1) / |n_short - n_long|.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "api/nuvrix.h"
+#include "first_order/seidel.hpp"
+#include "tests/systems.hpp"
+
+using nuvrix_test::make_system;
+using nuvrix_test::System;
+
+namespace {
+
+constexpr double kInf = std::numeric_limits<double>::infinity();
+constexpr double kPi = 3.14159265358979323846;
+
+SystemConfig pupil_config(double epd, int stop) {
+  SystemConfig c = {};
+  c.aperture_value = epd;  // aperture_type 0: entrance pupil diameter
+  c.stop_surface = stop;
+  return c;
+}
+
+struct SeidelRun {
+  std::vector<SeidelSurfaceCoeffs> records;
+  SeidelResult totals;
+};
+
+SeidelRun analyse(System const& sys, SystemConfig const& cfg, double field,
+                  double const* shrt = nullptr, double const* lng = nullptr, int capacity = 32) {
+  FieldData const f = {field, 1.0, 0.0};
+  SeidelRun run;
+  run.records.resize(32);
+  nuvrix_compute_seidel(sys.surfaces.data(), sys.count(), sys.row(), shrt, lng, &cfg, &f, 1,
+                        run.records.data(), capacity, &run.totals);
+  run.records.resize(run.totals.count);
+  return run;
+}
+
+// Sum `kind` of a record or of the totals, in the operand form's numbering.
+template <typename Record>
+double kind_of(Record const& r, int kind) {
+  double const v[7] = {r.s1, r.s2, r.s3, r.s4, r.s5, r.c1, r.c2};
+  return v[kind];
+}
+
+// The operand form at the system's own prescription, over first .. last
+// (last -1: through the image surface), angle fields.
+double range_sum(System const& sys, int kind, double pupil_radius, double field, int stop,
+                 double const* shrt = nullptr, double const* lng = nullptr, int first = 1,
+                 int last = -1) {
+  std::vector<double> c, t;
+  for (SurfaceData const& s : sys.surfaces) {
+    c.push_back(s.curvature);
+    t.push_back(s.thickness);
+  }
+  int const n = sys.count();
+  double const p = nuvrix_entrance_pupil_position(sys.surfaces.data(), n, sys.row(), stop);
+  return nuvrix::seidel_range_sum_t<double, double>(
+      c.data(), t.data(), sys.row(), shrt, lng, sys.surfaces.data(), n, 0, stop, pupil_radius,
+      field, p, kind, first, last < 0 ? n - 1 : last, nullptr, nullptr, nullptr);
+}
+
+// A singlet in air (surfaces 1 and 2), the image `back` behind it.
+System singlet(double r1, double r2, double thickness, double glass, double back,
+               double object = 1e10) {
+  return make_system({0.0, r1, r2, 0.0}, {object, thickness, back, 0.0}, {1.0, glass, 1.0, 1.0});
+}
+
+}  // namespace
+
+TEST(Seidel, ThinSingletPetzvalAndColourMatchClosedForms) {
+  // Equiconvex, f = 100 mm, stop at the lens: marginal height h, chief ray
+  // through the lens centre at slope tan(theta), so H = -h tan(theta).
+  double const N = 1.5, dn = 0.008, h = 10.0, theta = 5.0;
+  System const sys = singlet(100.0, -100.0, 1e-6, N, 100.0);
+  double const shrt[] = {1.0, N + dn / 2, 1.0, 1.0}, lng[] = {1.0, N - dn / 2, 1.0, 1.0};
+  double const phi = (N - 1.0) * (2.0 / 100.0), V = (N - 1.0) / dn;
+  double const H = -h * std::tan(theta * kPi / 180.0);
+  SeidelRun const run = analyse(sys, pupil_config(2.0 * h, 1), theta, shrt, lng);
+  ASSERT_EQ(run.totals.count, 2);
+  EXPECT_NEAR(run.totals.s4, H * H * phi / N, 1e-6 * H * H * phi / N);
+  EXPECT_NEAR(run.totals.c1, -h * h * phi / V, 1e-6 * h * h * phi / V);
+  // Lateral colour of a thin lens at its stop vanishes: the chief ray is on axis there.
+  EXPECT_NEAR(run.totals.c2, 0.0, 1e-6 * std::fabs(run.records[0].c2));
+  EXPECT_GT(std::fabs(run.records[0].c2), 0.0);
+  EXPECT_NEAR(range_sum(sys, 3, h, theta, 1), H * H * phi / N, 1e-6 * H * H * phi / N);
+  EXPECT_NEAR(range_sum(sys, 5, h, theta, 1, shrt, lng), -h * h * phi / V, 1e-6 * h * h * phi / V);
+}
+
+TEST(Seidel, PlanoConvexSphericalIsSmallerWithCurvedSideTowardsObject) {
+  // Thin-lens spherical aberration for an object at infinity (conjugate
+  // factor -1) with the shape factor X = (c1 + c2) / (c1 - c2):
+  // sum s1 = h^4 phi^3 / 4 [(N/(N-1))^2 + (N+2)/(N(N-1)^2) (X - 2(N^2-1)/(N+2))^2 - N/(N+2)].
+  double const N = 1.5, f = 100.0, h = 5.0, R = (N - 1.0) * f;
+  auto thin_lens_s1 = [&](double X) {
+    double const phi = 1.0 / f, b = X - 2.0 * (N * N - 1.0) / (N + 2.0);
+    return h * h * h * h * phi * phi * phi / 4.0 *
+           (N * N / ((N - 1.0) * (N - 1.0)) + (N + 2.0) / (N * (N - 1.0) * (N - 1.0)) * b * b -
+            N / (N + 2.0));
+  };
+  SystemConfig const cfg = pupil_config(2.0 * h, 1);
+  double const curved_first = analyse(singlet(R, 0.0, 1e-5, N, f), cfg, 0.0).totals.s1;
+  double const flat_first = analyse(singlet(0.0, -R, 1e-5, N, f), cfg, 0.0).totals.s1;
+  EXPECT_GT(curved_first, 0.0);
+  EXPECT_GT(flat_first, 3.0 * curved_first);
+  EXPECT_NEAR(curved_first, thin_lens_s1(1.0), 1e-6 * curved_first);
+  EXPECT_NEAR(flat_first, thin_lens_s1(-1.0), 1e-6 * flat_first);
+}
+
+TEST(Seidel, GlassWithoutDispersionHasNoColourAndNullArraysDropOnlyColour) {
+  System const sys = nuvrix_test::cooke_triplet();
+  std::vector<double> const same_a = sys.indices, same_b = sys.indices;
+  SystemConfig const cfg = pupil_config(10.0, nuvrix_test::kCookeStop);
+  SeidelRun const flat = analyse(sys, cfg, 14.0, same_a.data(), same_b.data());
+  ASSERT_EQ(flat.totals.count, 6);
+  for (SeidelSurfaceCoeffs const& r : flat.records) {
+    EXPECT_EQ(r.c1, 0.0);
+    EXPECT_EQ(r.c2, 0.0);
+  }
+  EXPECT_EQ(range_sum(sys, 5, 5.0, 14.0, 4, same_a.data(), same_b.data()), 0.0);
+  EXPECT_EQ(range_sum(sys, 6, 5.0, 14.0, 4, same_a.data(), same_b.data()), 0.0);
+
+  // Crown and flint with their own dispersions: colour appears; a missing
+  // array removes it and leaves the monochromatic sums as they were.
+  std::vector<double> shrt = sys.indices, lng = sys.indices;
+  for (int i : {1, 5}) shrt[i] += 0.005, lng[i] -= 0.005;
+  shrt[3] += 0.012, lng[3] -= 0.012;
+  SeidelRun const both = analyse(sys, cfg, 14.0, shrt.data(), lng.data());
+  EXPECT_NE(both.totals.c1, 0.0);
+  EXPECT_NE(both.totals.c2, 0.0);
+  for (auto const& one : {analyse(sys, cfg, 14.0, nullptr, lng.data()),
+                          analyse(sys, cfg, 14.0, shrt.data(), nullptr)}) {
+    EXPECT_EQ(one.totals.c1, 0.0);
+    EXPECT_EQ(one.totals.c2, 0.0);
+    for (int k = 0; k < 5; ++k) EXPECT_EQ(kind_of(one.totals, k), kind_of(both.totals, k));
+  }
+}
+
+TEST(Seidel, IdealThinLensBendsTheRaysButReportsSevenZeros) {
+  // A thin lens of f = 50 and 20 mm behind it a plane entry face into glass:
+  // the marginal ray meets the face at 0.6 h converging at u = -h / f, where
+  // a plane refraction gives s1 = -(u)^2 y u (1/N^2 - 1).
+  double const f = 50.0, N = 1.5, h = 4.0;
+  System sys = make_system({0.0, 0.0, 0.0, 0.0}, {kInf, 20.0, 10.0, 0.0}, {1.0, 1.0, N, N});
+  sys.surfaces[1].type = NUVRIX_SURFACE_PARAXIAL_LENS;
+  sys.surfaces[1].focal_length = f;
+  SeidelRun const run = analyse(sys, pupil_config(2.0 * h, 1), 3.0);
+  ASSERT_EQ(run.totals.count, 2);
+  EXPECT_EQ(run.records[0].surface, 1);
+  for (int k = 0; k < 7; ++k) EXPECT_EQ(kind_of(run.records[0], k), 0.0);
+  double const u = -h / f, y = 0.6 * h;
+  EXPECT_EQ(run.records[1].surface, 2);
+  EXPECT_NEAR(run.records[1].s1, -u * u * y * u * (1.0 / (N * N) - 1.0), 1e-12);
+}
+
+TEST(Seidel, DummySurfaceTransfersButNeitherReportsNorUsesCapacity) {
+  // Two singlets 25 mm apart, and the same with a dummy plane 10 mm behind
+  // the first: the records match surface for surface.
+  System const merged =
+      make_system({0.0, 60.0, -200.0, -40.0, 150.0, 0.0}, {kInf, 5.0, 25.0, 3.0, 40.0, 0.0},
+                  {1.0, 1.6, 1.0, 1.7, 1.0, 1.0});
+  System const split =
+      make_system({0.0, 60.0, -200.0, 0.0, -40.0, 150.0, 0.0},
+                  {kInf, 5.0, 10.0, 15.0, 3.0, 40.0, 0.0}, {1.0, 1.6, 1.0, 1.0, 1.7, 1.0, 1.0});
+  SystemConfig const cfg = pupil_config(12.0, 1);
+  SeidelRun const a = analyse(merged, cfg, 8.0);
+  SeidelRun const b = analyse(split, cfg, 8.0, nullptr, nullptr, 4);
+  ASSERT_EQ(a.totals.count, 4);
+  ASSERT_EQ(b.totals.count, 4);
+  int const expected_surface[4] = {1, 2, 4, 5};
+  for (int r = 0; r < 4; ++r) {
+    EXPECT_EQ(b.records[r].surface, expected_surface[r]);
+    for (int k = 0; k < 5; ++k) {
+      double const want = kind_of(a.records[r], k);
+      EXPECT_NEAR(kind_of(b.records[r], k), want, 1e-12 * std::fabs(want) + 1e-18);
+    }
+  }
+}
+
+TEST(Seidel, CapacityStopsTheWalkAndShortSystemsGiveNothing) {
+  System const sys = nuvrix_test::cooke_triplet();
+  SystemConfig const cfg = pupil_config(10.0, nuvrix_test::kCookeStop);
+  SeidelRun const full = analyse(sys, cfg, 14.0);
+  SeidelRun const part = analyse(sys, cfg, 14.0, nullptr, nullptr, 3);
+  ASSERT_EQ(full.totals.count, 6);
+  ASSERT_EQ(part.totals.count, 3);
+  double sum = 0.0;
+  for (int r = 0; r < 3; ++r) {
+    EXPECT_EQ(part.records[r].surface, r + 1);
+    EXPECT_EQ(part.records[r].s1, full.records[r].s1);
+    sum += full.records[r].s3;
+  }
+  EXPECT_EQ(part.totals.s3, sum);
+
+  SeidelResult res;
+  res.count = 7;
+  res.s1 = 1.0;
+  SeidelSurfaceCoeffs rec[2];
+  rec[0].surface = -5;
+  nuvrix_compute_seidel(sys.surfaces.data(), sys.count(), sys.row(), nullptr, nullptr, &cfg,
+                        nullptr, 0, rec, 0, &res);
+  EXPECT_EQ(res.count, 0);
+  EXPECT_EQ(res.s1, 0.0);
+  EXPECT_EQ(rec[0].surface, -5);
+  System const two = make_system({0.0, 50.0}, {1e10, 0.0}, {1.0, 1.5});
+  EXPECT_EQ(analyse(two, cfg, 5.0).totals.count, 0);
+  EXPECT_EQ(range_sum(two, 0, 5.0, 5.0, 1), 0.0);
+}
+
+TEST(SeidelRange, AgreesWithTheAnalysisOnSphericalRefractingSurfaces) {
+  // Object at infinity: both forms launch the marginal ray parallel at the
+  // pupil height and the chief ray through the pupil centre, and both carry
+  // tangent slopes through the same y-nu recursion.  They differ only in
+  // rounding (fused transfer, the tangent/cosine round trip, sin/cos against
+  // tan), a few ulp per step, so each sum agrees to 1e-10 of the sum of its
+  // terms' magnitudes, whatever the aperture.
+  System sys = nuvrix_test::cooke_triplet();
+  sys.surfaces[0].thickness = kInf;
+  std::vector<double> shrt = sys.indices, lng = sys.indices;
+  for (int i : {1, 3, 5}) shrt[i] += 0.01, lng[i] -= 0.01;
+  int const stop = nuvrix_test::kCookeStop;
+  SeidelRun const run = analyse(sys, pupil_config(10.0, stop), 12.0, shrt.data(), lng.data());
+  ASSERT_EQ(run.totals.count, 6);
+  for (int k = 0; k < 7; ++k) {
+    double scale = 0.0;
+    for (SeidelSurfaceCoeffs const& r : run.records) scale += std::fabs(kind_of(r, k));
+    EXPECT_NEAR(range_sum(sys, k, 5.0, 12.0, stop, shrt.data(), lng.data()), kind_of(run.totals, k),
+                1e-10 * scale)
+        << "kind " << k;
+  }
+}
+
+TEST(SeidelRange, FoldMirrorFlipsSignsBehindItAndAddsNoColour) {
+  // A singlet behind a plane fold mirror, described in folded coordinates
+  // (curvatures and spacings negated behind the mirror), against the same
+  // singlet unfolded.  A plane mirror has no aberration of its own.
+  double const N = 1.6;
+  System unfolded = make_system({0.0, 0.0, 50.0, -80.0, 0.0}, {kInf, 20.0, 5.0, 60.0, 0.0},
+                                {1.0, 1.0, N, 1.0, 1.0});
+  System folded = make_system({0.0, 0.0, -50.0, 80.0, 0.0}, {kInf, -20.0, -5.0, -60.0, 0.0},
+                              {1.0, 1.0, N, 1.0, 1.0});
+  folded.surfaces[1].is_mirror = 1;
+  double const shrt[] = {1.0, 1.0, N + 0.006, 1.0, 1.0}, lng[] = {1.0, 1.0, N - 0.006, 1.0, 1.0};
+  for (int k = 0; k < 7; ++k) {
+    double const want = range_sum(unfolded, k, 6.0, 7.0, 1, shrt, lng);
+    EXPECT_NE(want, 0.0);
+    EXPECT_NEAR(range_sum(folded, k, 6.0, 7.0, 1, shrt, lng), want, 1e-14 * std::fabs(want));
+  }
+
+  // A curved mirror between media of different dispersion gives no colour,
+  // where the same surface refracting would: (0 - 0.01) (-c h h).
+  System mirror = make_system({0.0, -200.0, 0.0}, {kInf, -100.0, 0.0}, {1.0, 1.0, 1.0});
+  double const ms[] = {1.01, 1.0, 1.0}, ml[] = {1.0, 1.0, 1.0};
+  mirror.surfaces[1].is_mirror = 1;
+  EXPECT_EQ(range_sum(mirror, 5, 10.0, 0.0, 1, ms, ml, 1, 1), 0.0);
+  mirror.surfaces[1].is_mirror = 0;
+  EXPECT_NEAR(range_sum(mirror, 5, 10.0, 0.0, 1, ms, ml, 1, 1), 0.01 * (-1.0 / 200.0) * 100.0,
+              1e-15);
+}
+
+TEST(SeidelRange, ConicMirrorSphericalScalesWithOnePlusK) {
+  // The r^4 sag of a conic is (1 + K) c^3 r^4 / 8, and a mirror doubles it in
+  // the wavefront: |s1| = 8 * 2 (1 + K) c^3 h^4 / 8.  The paraboloid has none.
+  // The first coefficient a of an even asphere enters as 8 a beside K c^3, so
+  // a = -c^3 / 8 on a sphere cancels its spherical sum as K = -1 does.
+  double const f = 100.0, h = 12.0, c = -1.0 / (2.0 * f);
+  System sys = nuvrix_test::parabolic_mirror(f);
+  double const sphere_abs = 2.0 * std::fabs(c * c * c) * h * h * h * h;
+  for (double K : {0.0, -0.5, -1.0, 1.0}) {
+    sys.surfaces[1].conic = K;
+    EXPECT_NEAR(std::fabs(range_sum(sys, 0, h, 0.0, 1)), (1.0 + K) * sphere_abs,
+                1e-12 * sphere_abs);
+  }
+  sys.surfaces[1].conic = 0.0;
+  sys.surfaces[1].type = NUVRIX_SURFACE_EVEN_ASPHERE;
+  sys.surfaces[1].coefficients[0] = -c * c * c / 8.0;
+  EXPECT_NEAR(range_sum(sys, 0, h, 0.0, 1), 0.0, 1e-12 * sphere_abs);
+}
+
+TEST(SubsystemMatrix, IsTheProductOfRefractionAndTransferMatrices) {
+  System sys = nuvrix_test::cooke_triplet();
+  int const n = sys.count();
+  std::vector<double> c, t;
+  for (SurfaceData const& s : sys.surfaces) c.push_back(s.curvature), t.push_back(s.thickness);
+  auto abcd = [&](int first, int last, double m[4]) {
+    nuvrix::compute_subsystem_abcd_t<double, double>(c.data(), t.data(), sys.row(),
+                                                     sys.surfaces.data(), n, first, last, m[0],
+                                                     m[2], m[1], m[3], nullptr, nullptr);
+  };
+  double const* idx = sys.row();
+  for (auto range : {std::make_pair(2, 5), std::make_pair(1, 3), std::make_pair(1, n - 1)}) {
+    // M = R_last T .. T R_first on (y, u), refraction [1 0; -(n2-n1)c/n2 n1/n2], transfer [1 t; 0
+    // 1]
+    double M[4] = {1.0, 0.0, 0.0, 1.0};
+    for (int k = range.first; k <= range.second; ++k) {
+      if (k > range.first) M[0] += t[k - 1] * M[2], M[1] += t[k - 1] * M[3];
+      double const pw = -(idx[k] - idx[k - 1]) * c[k] / idx[k], g = idx[k - 1] / idx[k];
+      M[2] = pw * M[0] + g * M[2];
+      M[3] = pw * M[1] + g * M[3];
+    }
+    double m[4];
+    abcd(range.first, range.second, m);
+    for (int e = 0; e < 4; ++e) EXPECT_NEAR(m[e], M[e], 1e-13 * (1.0 + std::fabs(M[e])));
+    EXPECT_NEAR(m[0] * m[3] - m[1] * m[2], idx[range.first - 1] / idx[range.second], 1e-13);
+  }
+  double whole[4], clamped[4], empty[4];
+  abcd(1, n - 1, whole);
+  abcd(0, 99, clamped);
+  abcd(4, 3, empty);
+  for (int e = 0; e < 4; ++e) EXPECT_EQ(clamped[e], whole[e]);
+  EXPECT_TRUE(empty[0] == 1.0 && empty[1] == 0.0 && empty[2] == 0.0 && empty[3] == 1.0);
+
+  // A concave mirror of radius R: [1 0; -2c -1], the index behind it -n.
+  sys = nuvrix_test::parabolic_mirror(50.0);
+  c = {0.0, sys.surfaces[1].curvature, 0.0};
+  double mm[4];
+  nuvrix::compute_subsystem_abcd_t<double, double>(c.data(), t.data(), sys.row(),
+                                                   sys.surfaces.data(), 3, 1, 1, mm[0], mm[2],
+                                                   mm[1], mm[3], nullptr, nullptr);
+  EXPECT_EQ(mm[2], -2.0 * c[1]);
+  EXPECT_EQ(mm[3], -1.0);
+}
+
+TEST(ChromaticFocalShift, ShiftsAreBackFocusDifferencesOfTheRows) {
+  System const sys = nuvrix_test::cooke_triplet();
+  int const n = sys.count();
+  // Back focus by an independent y-nu trace of a ray parallel to the axis.
+  auto bfl = [&](double const* idx) {
+    double y = 1.0, u = 0.0;
+    for (int i = 1; i <= n - 2; ++i) {
+      if (i > 1) y += sys.surfaces[i - 1].thickness * u;
+      u = (idx[i - 1] * u - y * (idx[i] - idx[i - 1]) * sys.surfaces[i].curvature) / idx[i];
+    }
+    return -y / u;
+  };
+  std::vector<double> table;
+  double const offsets[3] = {0.008, 0.0, -0.004};
+  for (double off : offsets) {
+    for (int i = 0; i < n; ++i)
+      table.push_back(sys.indices[i] + (sys.indices[i] > 1.0 ? off : 0.0));
+  }
+  double const wavelengths[3] = {0.486, 0.588, 0.656};
+  ChromaticShiftPoint pts[3];
+  ChromaticFocalShiftResult res;
+  nuvrix_compute_chromatic_focal_shift(sys.surfaces.data(), n, sys.row(), wavelengths, table.data(),
+                                       3, pts, &res);
+  ASSERT_EQ(res.count, 3);
+  double largest = 0.0;
+  for (int k = 0; k < 3; ++k) {
+    double const want = bfl(table.data() + k * n) - bfl(sys.row());
+    EXPECT_EQ(pts[k].wavelength, wavelengths[k]);
+    EXPECT_NEAR(pts[k].shift, want, 1e-10);
+    largest = std::fmax(largest, std::fabs(pts[k].shift));
+  }
+  EXPECT_GT(std::fabs(pts[0].shift), 0.1);  // F2 and SK16 at +0.008 move the focus visibly
+  EXPECT_EQ(res.max_shift, largest);
+
+  res.count = 5;
+  res.max_shift = 9.0;
+  nuvrix_compute_chromatic_focal_shift(sys.surfaces.data(), n, sys.row(), wavelengths, table.data(),
+                                       0, pts, &res);
+  EXPECT_EQ(res.count, 0);
+  EXPECT_EQ(res.max_shift, 0.0);
+}
