@@ -5,6 +5,8 @@
 #include "first_order/paraxial_solve.hpp"
 #include "first_order/chromatic_focal_shift.hpp"
 #include "first_order/seidel.hpp"
+#include "first_order/semi_diameter.hpp"
+#include "trace/front_ends.hpp"
 #include "trace/trace_core.hpp"
 
 namespace {
@@ -112,6 +114,42 @@ int32_t nuvrix_compute_chromatic_focal_shift(const SurfaceData* surfaces, int32_
                                              ChromaticFocalShiftResult* result) {
   return nuvrix::compute_chromatic_focal_shift(surfaces, n, reference_indices, wavelengths,
                                                index_table, count, points, result);
+}
+
+AimToStopResult nuvrix_aim_to_stop(const SurfaceData* surfaces, int32_t n, const double* indices,
+                                   int32_t stop_surface, double x, double y, double l, double m,
+                                   double n_dir, double px, double py, double stop_radius) {
+  return nuvrix::aim_to_stop(surfaces, n, indices, x, y, l, m, n_dir, px, py, stop_radius,
+                             stop_surface, 0);
+}
+
+RayTraceResult nuvrix_trace_arbitrary_ray(const SurfaceData* surfaces, int32_t surface_count,
+                                          const double* indices, const SystemConfig* config,
+                                          int32_t aim_flag, int32_t last_surface,
+                                          double field_value, double pupil_radius, double px,
+                                          double py, double wavelength,
+                                          double entrance_pupil_position, double stop_radius) {
+  return nuvrix::trace_arbitrary_ray(surfaces, surface_count, indices, config, field_value,
+                                     pupil_radius, px, py, wavelength, entrance_pupil_position,
+                                     aim_flag, stop_radius, last_surface, 0.0);
+}
+
+void nuvrix_solve_semi_diameters(SurfaceData* surfaces, int32_t n, const double* indices,
+                                 const double* wavelengths, int32_t wavelength_count,
+                                 const SystemConfig* config, const FieldData* fields,
+                                 int32_t field_count) {
+  nuvrix::solve_semi_diameters(surfaces, n, indices, wavelengths, wavelength_count, config,
+                               fields, field_count);
+}
+
+double nuvrix_compute_pupil_radius(const SurfaceData* surfaces, int32_t n, const double* indices,
+                                   const SystemConfig* config) {
+  return nuvrix::compute_pupil_radius(surfaces, n, indices, config);
+}
+
+double nuvrix_compute_stop_radius(const SurfaceData* surfaces, int32_t n, const double* indices,
+                                  const SystemConfig* config) {
+  return nuvrix::compute_stop_radius(surfaces, n, indices, config);
 }
 
 }  // extern "C"

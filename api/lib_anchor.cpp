@@ -6,7 +6,11 @@
 #include "api/nuvrix.h"
 #include "first_order/paraxial.hpp"
 #include "first_order/paraxial_solve.hpp"
+#include "first_order/aim.hpp"
+#include "first_order/aim_robust.hpp"
 #include "first_order/seidel.hpp"
+#include "trace/front_ends.hpp"
+#include "trace/robust_offset.hpp"
 #include "trace/trace_core.hpp"
 
 namespace {
@@ -51,6 +55,17 @@ __attribute__((used)) void const* const kAnchors[] = {
     reinterpret_cast<void const*>(&nuvrix::seidel_range_sum_t<D, D>),
     reinterpret_cast<void const*>(&nuvrix::subsystem_transfer_t<D, D>),
     reinterpret_cast<void const*>(&nuvrix::compute_subsystem_abcd_t<D, D>),
+    reinterpret_cast<void const*>(&nuvrix::detail::ra_run_secant),
+    reinterpret_cast<void const*>(&nuvrix::detail::ra_find_chief_ray_robust),
+    reinterpret_cast<void const*>(&nuvrix::aim_to_stop),
+    reinterpret_cast<void const*>(&nuvrix::aim_to_stop_robust),
+    reinterpret_cast<void const*>(&nuvrix::aim_to_stop_finite),
+    reinterpret_cast<void const*>(&nuvrix::aim_stop_radius),
+    reinterpret_cast<void const*>(&nuvrix::trace_ray_robust_offset),
+    reinterpret_cast<void const*>(&nuvrix::trace_arbitrary_ray),
+    reinterpret_cast<void const*>(&nuvrix::trace_arbitrary_ray_full),
+    reinterpret_cast<void const*>(&nuvrix::trace_full),
+    reinterpret_cast<void const*>(&nuvrix::legacy::trace_full),
 };
 
 }  // namespace

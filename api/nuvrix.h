@@ -353,6 +353,46 @@ int32_t nuvrix_compute_chromatic_focal_shift(const SurfaceData* surfaces, int32_
                                              int32_t count, ChromaticShiftPoint* points,
                                              ChromaticFocalShiftResult* result);
 
+/* Aims a ray of direction (l, m, n_dir) at the point (px, py) * stop_radius
+ * of the stop surface: returns the crossing point on the tangent plane of
+ * surface 1, starting the search at (x, y), with no recovery ladder.
+ * converged is 1 when the ray reaches the target within 1e-10 in each
+ * coordinate, or within 1e-6 in distance. */
+AimToStopResult nuvrix_aim_to_stop(const SurfaceData* surfaces, int32_t n, const double* indices,
+                                   int32_t stop_surface, double x, double y, double l, double m,
+                                   double n_dir, double px, double py, double stop_radius);
+
+/* Traces the ray of field field_value (an angle in degrees or a height, as
+ * config->field_type says) through the normalised pupil point (px, py) of an
+ * entrance pupil of radius pupil_radius at entrance_pupil_position from
+ * surface 1; aimed at the stop when aim_flag is nonzero and stop_radius is
+ * positive.  last_surface below 1 is the image surface; wavelength in nm.
+ * A failed aim gives valid 0 (and failed_surface -2 for the tangent-plane aim). */
+RayTraceResult nuvrix_trace_arbitrary_ray(const SurfaceData* surfaces, int32_t surface_count,
+                                          const double* indices, const SystemConfig* config,
+                                          int32_t aim_flag, int32_t last_surface,
+                                          double field_value, double pupil_radius, double px,
+                                          double py, double wavelength,
+                                          double entrance_pupil_position, double stop_radius);
+
+/* Sets the semi_diameter of every automatic surface (aperture_kind 0) to the
+ * largest height of eight edge rays of every field and of each of the
+ * wavelength_count index rows, scaled by aperture_percent.  wavelengths is
+ * not read.  Writes to surfaces; reports nothing. */
+void nuvrix_solve_semi_diameters(SurfaceData* surfaces, int32_t n, const double* indices,
+                                 const double* wavelengths, int32_t wavelength_count,
+                                 const SystemConfig* config, const FieldData* fields,
+                                 int32_t field_count);
+
+/* The paraxial marginal launch height (entrance pupil radius) of the system. */
+double nuvrix_compute_pupil_radius(const SurfaceData* surfaces, int32_t n, const double* indices,
+                                   const SystemConfig* config);
+
+/* The paraxial marginal ray height at the stop; 5.0 (aperture_value / 2 for
+ * an entrance-pupil diameter) when the stop cannot be reached. */
+double nuvrix_compute_stop_radius(const SurfaceData* surfaces, int32_t n, const double* indices,
+                                  const SystemConfig* config);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -2,6 +2,8 @@
 // so that the kernels can run the very same trace as the CPU.
 #include "first_order/seidel.hpp"
 #include "trace/trace_core.hpp"
+#include "trace/front_ends.hpp"
+#include "trace/robust_offset.hpp"
 
 using nuvrix::RayStateT;
 
@@ -43,4 +45,20 @@ extern "C" __global__ void nuvrix_device_compile_probe(SurfaceData const* surfac
                                                    nullptr);
   out[1] = y0 + m0 + n0 + s1 + ty + tu + A * D - B * C;
 
+  // The robust trace from a point in free space, 500 mm back along the axis.
+  RayState history[4];
+  RayTraceResult const robust = nuvrix::trace_ray_robust_offset(
+      surfaces, count, indices, 0.0, 1.0, -500.0, 0.0, 0.0, 1.0, 1, 0, 550.0, history, 4, true);
+  out[2] = robust.y + history[0].n;
+
+  // The aims and the front ends that choose among them.
+  AimToStopResult const aimed = nuvrix::aim_to_stop(surfaces, count, indices, 0.0, 1.0, 0.0, 0.1,
+                                                    0.995, 0.0, 1.0, 2.0, 2, 1);
+  RayTraceResult const arbitrary = nuvrix::trace_arbitrary_ray(
+      surfaces, count, indices, &config, 5.0, 5.0, 0.0, 1.0, 550.0, 10.0, 1, 2.0, 0, 0.0);
+  RayState full_history[256];
+  RayTraceResult const full = nuvrix::trace_full(surfaces, count, indices, &config, 5.0, 5.0, 0.0,
+                                                 1.0, 550.0, 10.0, 1, 2.0, full_history);
+  out[3] = aimed.y + arbitrary.y + full.y +
+           nuvrix::aim_stop_radius(surfaces, count, indices, &config, 5.0);
 }
