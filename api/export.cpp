@@ -152,4 +152,10 @@ double nuvrix_compute_stop_radius(const SurfaceData* surfaces, int32_t n, const 
   return nuvrix::compute_stop_radius(surfaces, n, indices, config);
 }
 
+// Spot diagrams and ray fans.
+
+// OPD fan and wavefront map.
+
+// FFT, PSF and FFT MTF.
+
 }  // extern "C"

@@ -172,6 +172,28 @@ typedef struct AimToStopResult {
 } AimToStopResult;
 
 /* ------------------------------------------------------------------------ */
+/* Spot diagrams and ray fans                                               */
+/* ------------------------------------------------------------------------ */
+
+/* ------------------------------------------------------------------------ */
+/* OPD fan and wavefront map                                                */
+/* ------------------------------------------------------------------------ */
+
+/* Summary of a wavefront map (the map itself is two caller-owned arrays of
+ * grid_size^2 entries: values in waves and validity marks). */
+typedef struct WavefrontResult {
+  int32_t grid_size;
+  double peak_to_valley; /* waves; 0 with no valid sample */
+  double rms;            /* standard deviation about the mean, waves */
+  int32_t field_index;
+  int32_t wavelength_index; /* always -1 */
+} WavefrontResult;
+
+/* ------------------------------------------------------------------------ */
+/* FFT, PSF and FFT MTF                                                     */
+/* ------------------------------------------------------------------------ */
+
+/* ------------------------------------------------------------------------ */
 /* Merit records                                                            */
 /* ------------------------------------------------------------------------ */
 
@@ -392,6 +414,12 @@ double nuvrix_compute_pupil_radius(const SurfaceData* surfaces, int32_t n, const
  * an entrance-pupil diameter) when the stop cannot be reached. */
 double nuvrix_compute_stop_radius(const SurfaceData* surfaces, int32_t n, const double* indices,
                                   const SystemConfig* config);
+
+/* Spot diagrams and ray fans: exports ------------------------------------ */
+
+/* OPD fan and wavefront map: exports ------------------------------------- */
+
+/* FFT, PSF and FFT MTF: exports ------------------------------------------ */
 
 #ifdef __cplusplus
 } /* extern "C" */
