@@ -13,10 +13,6 @@ namespace {
 
 constexpr int kRows = 256;  // rows the paraxial solve and the Seidel sums may write
 
-void heading(const std::string& title) {
-  std::printf("\n%s\n%s\n", title.c_str(), std::string(title.size(), '-').c_str());
-}
-
 // The engine returns 1e15 for a distance it cannot reach (a ray leaving
 // parallel); such a value prints as infinite.
 std::string distance_text(double v) {
@@ -49,7 +45,7 @@ void print_first_order(const Lens& lens) {
   const int w = lens.config.primary_wavelength;
   char title[64];
   std::snprintf(title, sizeof title, "First-order data at %.4f nm", lens.primary_nm());
-  heading(title);
+  print_heading(title);
   std::vector<ParaxialRayState> marginal(kRows), chief(kRows);
   const ParaxialSolveResult r = nuvrix_paraxial_solve(
       lens.surfaces.data(), lens.count(), lens.row(w), &lens.config, lens.fields.data(),
@@ -87,7 +83,7 @@ void print_seidel(const Lens& lens) {
   const int w = lens.config.primary_wavelength;
   int shortest, longest;
   extreme_rows(lens, shortest, longest);
-  heading("Third-order (Seidel) sums");
+  print_heading("Third-order (Seidel) sums");
   std::printf("  primary %.4f nm; colour between %.4f nm and %.4f nm\n", lens.primary_nm(),
               lens.wavelengths_um[shortest] * 1000.0, lens.wavelengths_um[longest] * 1000.0);
   std::vector<SeidelSurfaceCoeffs> rows(kRows);
@@ -115,7 +111,7 @@ void print_focal_shift(const Lens& lens) {
   char title[80];
   std::snprintf(title, sizeof title, "Chromatic focal shift (from the focus at %.4f nm)",
                 lens.primary_nm());
-  heading(title);
+  print_heading(title);
   std::vector<ChromaticShiftPoint> points(count);
   ChromaticFocalShiftResult result = {};
   const int32_t rc = nuvrix_compute_chromatic_focal_shift(

@@ -44,8 +44,10 @@ int main(int argc, char** argv) {
   }
   lensfile::print_system(lens);
   lensfile::print_real_rays(lens);
+  lensfile::print_aimed_rays(lens);
   lensfile::print_first_order(lens);
   lensfile::print_seidel(lens);
   lensfile::print_focal_shift(lens);
+  lensfile::print_solved_semi_diameters(lens);
   return 0;
 }

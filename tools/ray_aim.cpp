@@ -1,5 +1,7 @@
-// Chief-ray search, entrance pupil and aperture from real rays traced
-// through the exported interface.
+// Chief rays, entrance pupil and aperture from real rays traced through the
+// exported interface.  For an object at infinity the chief ray comes from the
+// engine's aim (nuvrix_aim_to_stop); for a finite object, whose rays leave a
+// fixed point, a Newton search on the launch slope finds it here.
 #include "tools/ray_aim.hpp"
 
 #include <algorithm>
@@ -159,11 +161,17 @@ bool find_chief(const Lens& lens, const Aim& aim, double field, double& pupil) {
     return chief_from_point(lens, aim.wavelength_nm, object_height(lens, aim, field), aim.pupil_z,
                             pupil);
   }
-  auto g = [&](double q, double& y) {
-    return height_at(lens, lens.config.stop_surface, launch_ray(lens, aim, field, q),
-                     aim.wavelength_nm, y);
-  };
-  return newton_solve(g, 0.0, 1e-6 * std::max(1.0, aim.epd), pupil);
+  // Object at infinity: the engine's aim finds where the ray of this
+  // direction crosses the vertex plane of surface 1 (the pupil coordinate).
+  const Launch r = launch_ray(lens, aim, field, 0.0);
+  const double* row = lens.row(lens.config.primary_wavelength);
+  const double stop_radius =
+      nuvrix_compute_stop_radius(lens.surfaces.data(), lens.count(), row, &lens.config);
+  const AimToStopResult a =
+      nuvrix_aim_to_stop(lens.surfaces.data(), lens.count(), row, lens.config.stop_surface, r.x,
+                         r.y, r.l, r.m, r.n, 0.0, 0.0, stop_radius);
+  pupil = a.y;
+  return a.converged == 1;
 }
 
 }  // namespace lensfile

@@ -1,5 +1,5 @@
-// Launching real rays as a host does: chief rays found by a Newton search on
-// the stop, rim rays at the edge of the entrance pupil.
+// Launching real rays as a host does: chief rays that cross the stop on the
+// axis, rim rays at the edge of the entrance pupil.
 #pragma once
 
 #include <string>

@@ -13,10 +13,6 @@ namespace {
 
 constexpr int kHistory = 256;  // records the full trace may store
 
-void heading(const std::string& title) {
-  std::printf("\n%s\n%s\n", title.c_str(), std::string(title.size(), '-').c_str());
-}
-
 // A length that the engine reads as infinite prints as such.
 std::string length_text(double v) {
   char buf[32];
@@ -36,19 +32,6 @@ const char* type_name(int type) {
     default:
       return "standard";
   }
-}
-
-const char* role(const Lens& lens, int i) {
-  if (i == 0) return "OBJ";
-  if (i == lens.count() - 1) return "IMA";
-  if (i == lens.config.stop_surface) return "STO";
-  return "";
-}
-
-const char* status_text(int status) {
-  if (status == NUVRIX_RAY_TIR) return "total internal reflection";
-  if (status == NUVRIX_RAY_MISSED) return "missed or clipped";
-  return "ok";
 }
 
 void print_ray_header() {
@@ -113,7 +96,7 @@ void print_field(const Lens& lens, const Aim& aim, int f) {
   std::printf("\nField %d: %.6f %s\n", f + 1, field, angle ? "deg" : "mm");
   double q;
   if (!find_chief(lens, aim, field, q)) {
-    std::printf("  no ray of this field crosses the stop on the axis\n");
+    std::printf("  no ray of this field found that crosses the stop on the axis\n");
     return;
   }
   const double h = 0.5 * aim.epd;
@@ -136,8 +119,25 @@ void print_field(const Lens& lens, const Aim& aim, int f) {
 
 }  // namespace
 
+void print_heading(const std::string& title) {
+  std::printf("\n%s\n%s\n", title.c_str(), std::string(title.size(), '-').c_str());
+}
+
+const char* surface_role(const Lens& lens, int i) {
+  if (i == 0) return "OBJ";
+  if (i == lens.count() - 1) return "IMA";
+  if (i == lens.config.stop_surface) return "STO";
+  return "";
+}
+
+const char* status_text(int status) {
+  if (status == NUVRIX_RAY_TIR) return "total internal reflection";
+  if (status == NUVRIX_RAY_MISSED) return "missed or clipped";
+  return "ok";
+}
+
 bool print_identity() {
-  heading("Library");
+  print_heading("Library");
   std::printf("  nuvrix_version       %s\n", nuvrix_version());
   std::printf("  nuvrix_build_anchor  %d\n", nuvrix_build_anchor());
   int32_t words[12];
@@ -173,7 +173,7 @@ bool print_identity() {
 
 void print_system(const Lens& lens) {
   const SystemConfig& c = lens.config;
-  heading("System: " + lens.name);
+  print_heading("System: " + lens.name);
   std::printf("  wavelengths (um):");
   for (size_t w = 0; w < lens.wavelengths_um.size(); ++w)
     std::printf(" %.7f%s", lens.wavelengths_um[w],
@@ -190,7 +190,7 @@ void print_system(const Lens& lens) {
   for (int i = 0; i < lens.count(); ++i) {
     const SurfaceData& s = lens.surfaces[i];
     const double radius = std::fabs(s.curvature) < 1e-15 ? HUGE_VAL : 1.0 / s.curvature;
-    std::printf("  %4d %3s %-12s %14s %14s %10.6f %10.6f %10.4f  %s\n", i, role(lens, i),
+    std::printf("  %4d %3s %-12s %14s %14s %10.6f %10.6f %10.4f  %s\n", i, surface_role(lens, i),
                 type_name(s.type), length_text(radius).c_str(), length_text(s.thickness).c_str(),
                 s.conic, lens.index(c.primary_wavelength, i), s.semi_diameter,
                 lens.media[i].c_str());
@@ -202,7 +202,7 @@ void print_real_rays(const Lens& lens) {
   std::string error;
   char title[64];
   std::snprintf(title, sizeof title, "Real rays at %.4f nm", lens.primary_nm());
-  heading(title);
+  print_heading(title);
   if (!set_up_aim(lens, aim, error)) {
     std::printf("  cannot launch rays: %s\n", error.c_str());
     return;

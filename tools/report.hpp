@@ -2,9 +2,20 @@
 // exported interface returns.
 #pragma once
 
+#include <string>
+
 #include "tools/lens_file.hpp"
 
 namespace lensfile {
+
+// A section title underlined with dashes.
+void print_heading(const std::string& title);
+
+// "OBJ", "STO", "IMA" or "" for surface i.
+const char* surface_role(const Lens& lens, int i);
+
+// Words for a RayTraceResult status code.
+const char* status_text(int status);
 
 // Version, build anchor and the layout words checked against this host's
 // view of the records.  Returns false when the layouts differ.
@@ -26,5 +37,14 @@ void print_seidel(const Lens& lens);
 
 // Back focal distance at each wavelength relative to the primary one.
 void print_focal_shift(const Lens& lens);
+
+// Chief and four marginal rays of every field traced with the engine's ray
+// aiming: where they cross the stop, how far from the aimed point, and where
+// they land on the image.
+void print_aimed_rays(const Lens& lens);
+
+// Semi-diameters the engine solves from the edge rays of every field and
+// wavelength, beside the lens file's own.
+void print_solved_semi_diameters(const Lens& lens);
 
 }  // namespace lensfile
