@@ -325,8 +325,12 @@ TEST(Pupils, ChiefRayCrossesTheStopCentre) {
   ParaxialSolveResult const r = nuvrix_paraxial_solve(sys.surfaces.data(), sys.count(), sys.row(),
                                                       &cfg, fields, 3, marginal, chief);
   EXPECT_NEAR(chief[nuvrix_test::kCookeStop - 1].y, 0.0, 1e-13);
-  EXPECT_DOUBLE_EQ(chief[0].u - chief[0].u, 0.0);
-  EXPECT_EQ(marginal[0].y, 5.0 + 0.0 * marginal[0].u);
+  // The marginal ray enters parallel at the rim of the 10 mm pupil and ends
+  // on the image surface near the paraxial focus.
+  EXPECT_EQ(marginal[0].y, 5.0);
+  int const image_row = sys.count() - 2;
+  EXPECT_NEAR(marginal[image_row].y,
+              marginal[image_row - 1].y * (r.bfl - 42.20778) / r.bfl, 1e-12);
   // The field of largest magnitude keeps its sign: the chief ray enters at -20 degrees.
   // Its launch height, back-projected, sits at the entrance pupil.
   double const u0 = std::tan(-20.0 * M_PI / 180.0);
@@ -380,11 +384,237 @@ TEST(Pupils, SolveEdgeCases) {
 }
 
 TEST(Pupils, SingularMatrixInFrontOfStopDoesNotStopTheTrace) {
-  System sys = nuvrix_test::make_system({0.0, 0.0, 0.0, 0.0}, {1e10, 10.0, 10.0, 0.0},
-                                        {1.0, 1.0, 1.0, 1.0});
-  sys.surfaces[2].type = NUVRIX_SURFACE_MATRIX;  // a zero matrix in front of the stop
-  double const ep = nuvrix_entrance_pupil_position(sys.surfaces.data(), 4, sys.row(), 3);
-  EXPECT_TRUE(std::isfinite(ep));
-  // Reversed: y = 1 at the matrix, through (D y + B u)/1e-15 = 0 and (C y + A u)/1e-15 = 0.
-  EXPECT_EQ(ep, 0.0);
+  // A plane, 10 mm, a matrix surface, 10 mm, the stop.  The rank-one matrix
+  // [1 4; 0 0] has determinant 0; the reversed pass divides by 1e-15 instead
+  // and the scale cancels in y / u: leaving the matrix backwards, y / u =
+  // (D y + B u) / (C y + A u) = 4, and 10 mm further y / u = 14.
+  System sys = nuvrix_test::make_system({0.0, 0.0, 0.0, 0.0, 0.0}, {1e10, 10.0, 10.0, 5.0, 0.0},
+                                        {1.0, 1.0, 1.0, 1.0, 1.0});
+  sys.surfaces[2].type = NUVRIX_SURFACE_MATRIX;
+  double const rank_one[4] = {1.0, 4.0, 0.0, 0.0};
+  for (int k = 0; k < 4; ++k) sys.surfaces[2].coefficients[k] = rank_one[k];
+  EXPECT_NEAR(nuvrix_entrance_pupil_position(sys.surfaces.data(), 5, sys.row(), 3), 14.0, 1e-12);
+  // A nearly singular matrix of negative determinant is held at -1e-15 and
+  // gives the same image.
+  sys.surfaces[2].coefficients[3] = -1e-17;
+  EXPECT_NEAR(nuvrix_entrance_pupil_position(sys.surfaces.data(), 5, sys.row(), 3), 14.0, 1e-12);
+  // The zero matrix sends nothing through: the reversed slope vanishes.
+  for (int k = 0; k < 4; ++k) sys.surfaces[2].coefficients[k] = 0.0;
+  EXPECT_EQ(nuvrix_entrance_pupil_position(sys.surfaces.data(), 5, sys.row(), 3), 0.0);
+}
+
+TEST(Paraxial, EndStateKeepsFirstPreviousLastAndTarget) {
+  System const sys = nuvrix_test::cooke_triplet();
+  int const n = sys.count();
+  ParaxialRayState rows[16];
+  nuvrix::trace_paraxial_ray(sys.surfaces.data(), n, sys.row(), 2.0, 0.05, rows);
+  auto same = [](ParaxialRayState const& a, ParaxialRayState const& b) {
+    return a.y == b.y && a.u == b.u && a.nu == b.nu;
+  };
+  nuvrix::ParaxialEndState e =
+      nuvrix::trace_paraxial_end(sys.surfaces.data(), n, sys.row(), 2.0, 0.05, 3);
+  EXPECT_EQ(e.row_count, n - 1);
+  EXPECT_TRUE(same(e.first, rows[0]));
+  EXPECT_TRUE(same(e.last, rows[n - 2]));
+  EXPECT_TRUE(same(e.previous, rows[n - 3]));
+  ASSERT_TRUE(e.target_found);
+  EXPECT_TRUE(same(e.target, rows[3]));
+  for (int target : {-1, n - 1}) {
+    e = nuvrix::trace_paraxial_end(sys.surfaces.data(), n, sys.row(), 2.0, 0.05, target);
+    EXPECT_FALSE(e.target_found);
+    EXPECT_EQ(e.target.y, 0.0);
+  }
+  // One row: first and last are that row, previous stays zero.
+  e = nuvrix::trace_paraxial_end(sys.surfaces.data(), 2, sys.row(), 2.0, 0.05, 0);
+  EXPECT_EQ(e.row_count, 1);
+  EXPECT_TRUE(same(e.first, e.last));
+  EXPECT_TRUE(same(e.target, e.last));
+  EXPECT_TRUE(e.previous.y == 0.0 && e.previous.u == 0.0 && e.previous.nu == 0.0);
+  // No rows: everything zero.
+  e = nuvrix::trace_paraxial_end(sys.surfaces.data(), 1, sys.row(), 2.0, 0.05, 0);
+  EXPECT_EQ(e.row_count, 0);
+  EXPECT_FALSE(e.target_found);
+  EXPECT_TRUE(e.first.y == 0.0 && e.last.y == 0.0 && e.last.u == 0.0);
+}
+
+TEST(Paraxial, NanPowerAndExactThresholdsFollowEachRoutinesRule) {
+  // A thin lens with a NaN focal length has a NaN power: the EFL and BFL,
+  // which test |u| > 1e-15, take the sentinel, while the plain focal length,
+  // which tests 1e-15 > |u|, lets the NaN through; the solve forms nothing.
+  System const nan_lens = thin_lenses({std::numeric_limits<double>::quiet_NaN()}, {20.0});
+  SurfaceData const* s = nan_lens.surfaces.data();
+  int const n = nan_lens.count();
+  ParaxialRayState rows[4];
+  nuvrix::trace_paraxial_ray(s, n, nan_lens.row(), 1.0, 0.0, rows);
+  EXPECT_TRUE(std::isnan(rows[0].u));
+  EXPECT_EQ(nuvrix_calculate_efl(s, n, nan_lens.row()), 1e15);
+  EXPECT_EQ(nuvrix_calculate_bfl(s, n, nan_lens.row()), 1e15);
+  EXPECT_TRUE(std::isnan(nuvrix_focal_length(s, n, nan_lens.row())));
+  std::vector<double> curv(n, 0.0), thick(n);
+  for (int i = 0; i < n; ++i) thick[i] = s[i].thickness;
+  EXPECT_EQ((nuvrix::calculate_efl_abcd_t<double, double>(curv.data(), thick.data(),
+                                                           nan_lens.row(), s, n, nullptr, nullptr)),
+            1e15);
+  EXPECT_EQ((nuvrix::calculate_bfl_t<double, double>(curv.data(), thick.data(), nan_lens.row(), s,
+                                                      n, nullptr, nullptr)),
+            1e15);
+  SystemConfig const unit = config_epd(2.0, 1);
+  ParaxialSolveResult r = nuvrix_paraxial_solve(s, n, nan_lens.row(), &unit, nullptr, 0, nullptr,
+                                                nullptr);
+  EXPECT_EQ(r.efl, 0.0);
+  EXPECT_EQ(r.bfl, 0.0);
+
+  // A lens of power exactly -1e-15 leaves a unit ray with u = 1e-15: the
+  // focal functions take the sentinel, the plain focal length divides, and
+  // the solve (with a unit launch height) forms neither EFL nor BFL.
+  System const weak = thin_lenses({-1e15}, {10.0});
+  s = weak.surfaces.data();
+  nuvrix::trace_paraxial_ray(s, n, weak.row(), 1.0, 0.0, rows);
+  ASSERT_EQ(rows[0].u, 1e-15);
+  EXPECT_EQ(nuvrix_calculate_bfl(s, n, weak.row()), 1e15);
+  EXPECT_EQ((nuvrix::calculate_bfl_t<double, double>(curv.data(), thick.data(), weak.row(), s, n,
+                                                      nullptr, nullptr)),
+            1e15);
+  EXPECT_EQ((nuvrix::calculate_efl_abcd_t<double, double>(curv.data(), thick.data(), weak.row(), s,
+                                                           n, nullptr, nullptr)),
+            1e15);
+  r = nuvrix_paraxial_solve(s, n, weak.row(), &unit, nullptr, 0, nullptr, nullptr);
+  EXPECT_EQ(r.efl, 0.0);
+  EXPECT_EQ(r.bfl, 0.0);
+  EXPECT_EQ(r.image_distance, 0.0);
+}
+
+TEST(Paraxial, GenericTraceTakesOverridesByTheSurfaceIndex) {
+  // Refracting surface, thin lens, matrix surface and a concave mirror.  The
+  // generic trace with curvatures, focal lengths and matrices from arrays
+  // must equal the plain step on records that carry the same values.
+  System sys = nuvrix_test::make_system({0.0, 0.0, 0.0, 0.0, 0.0, 0.0},
+                                        {std::numeric_limits<double>::infinity(), 5.0, 10.0,
+                                         20.0, -30.0, 0.0},
+                                        {1.0, 1.5, 1.0, 1.0, 1.0, 1.0});
+  sys.surfaces[2].type = NUVRIX_SURFACE_PARAXIAL_LENS;
+  sys.surfaces[2].focal_length = 1e300;
+  sys.surfaces[3].type = NUVRIX_SURFACE_MATRIX;
+  sys.surfaces[3].coefficients[0] = sys.surfaces[3].coefficients[3] = 1.0;
+  sys.surfaces[4].is_mirror = 1;
+  int const n = sys.count();
+  std::vector<double> curv(n, 0.0), thick(n), focal(n, 0.0), y(n), u(n);
+  for (int i = 0; i < n; ++i) thick[i] = sys.surfaces[i].thickness;
+  curv[1] = 1.0 / 30.0;
+  curv[4] = -1.0 / 100.0;
+  focal[2] = 80.0;
+  double matrices[6][8] = {};
+  double const abcd[4] = {1.1, 2.0, -0.01, 0.9};
+  for (int k = 0; k < 4; ++k) matrices[3][k] = abcd[k];
+
+  System rec = sys;
+  rec.surfaces[1].curvature = curv[1];
+  rec.surfaces[4].curvature = curv[4];
+  rec.surfaces[2].focal_length = focal[2];
+  for (int k = 0; k < 4; ++k) rec.surfaces[3].coefficients[k] = abcd[k];
+  ParaxialRayState rows[8];
+  nuvrix::trace_paraxial_ray(rec.surfaces.data(), n, rec.row(), 3.0, 0.01, rows);
+  ASSERT_EQ((nuvrix::trace_paraxial_ray_t<double, double>(curv.data(), thick.data(), sys.row(),
+                                                           sys.surfaces.data(), n, 3.0, 0.01,
+                                                           y.data(), u.data(), focal.data(),
+                                                           matrices)),
+            n - 1);
+  for (int i = 0; i < n - 1; ++i) {
+    EXPECT_EQ(y[i], rows[i].y) << "row " << i;
+    EXPECT_EQ(u[i], rows[i].u) << "row " << i;
+  }
+  // The mirror turned the light back (u changes sign with a converging
+  // mirror of radius -100 on a nearly parallel beam).
+  EXPECT_LT(rows[3].u * rows[2].u, 0.0);
+}
+
+TEST(Paraxial, GenericFormsTooShortAndAfocal) {
+  auto arrays = [](System const& sys, std::vector<double>& c, std::vector<double>& t) {
+    c.clear();
+    t.clear();
+    for (SurfaceData const& s : sys.surfaces) c.push_back(s.curvature), t.push_back(s.thickness);
+  };
+  std::vector<double> c, t;
+  System const cooke = nuvrix_test::cooke_triplet();
+  arrays(cooke, c, t);
+  SurfaceData const* s = cooke.surfaces.data();
+  double const* idx = cooke.row();
+  for (int n : {0, 1}) {
+    EXPECT_EQ((nuvrix::calculate_efl_abcd_t<double, double>(c.data(), t.data(), idx, s, n, nullptr,
+                                                             nullptr)),
+              0.0);
+  }
+  EXPECT_EQ((nuvrix::calculate_bfl_t<double, double>(c.data(), t.data(), idx, s, 2, nullptr,
+                                                      nullptr)),
+            0.0);
+  EXPECT_NE((nuvrix::calculate_efl_abcd_t<double, double>(c.data(), t.data(), idx, s, 2, nullptr,
+                                                          nullptr)),
+            0.0);
+  for (int stop : {0, 1}) {
+    EXPECT_EQ((nuvrix::compute_entrance_pupil_position_t<double, double>(c.data(), t.data(), idx,
+                                                                         s, 8, stop)),
+              0.0);
+  }
+  // The exit pupil needs a stop at surface 1 or later, at least three
+  // surfaces and the stop's row.
+  EXPECT_EQ((nuvrix::compute_exit_pupil_position_t<double, double>(c.data(), t.data(), idx, s, 8,
+                                                                   0, nullptr)),
+            0.0);
+  EXPECT_EQ((nuvrix::compute_exit_pupil_position_t<double, double>(c.data(), t.data(), idx, s, 2,
+                                                                   1, nullptr)),
+            0.0);
+  EXPECT_EQ((nuvrix::compute_exit_pupil_position_t<double, double>(c.data(), t.data(), idx, s, 8,
+                                                                   8, nullptr)),
+            0.0);
+
+  System const scope = thin_lenses({100.0, 25.0}, {125.0, 30.0});
+  arrays(scope, c, t);
+  EXPECT_EQ((nuvrix::calculate_efl_abcd_t<double, double>(c.data(), t.data(), scope.row(),
+                                                           scope.surfaces.data(), scope.count(),
+                                                           nullptr, nullptr)),
+            1e15);
+  EXPECT_EQ((nuvrix::calculate_bfl_t<double, double>(c.data(), t.data(), scope.row(),
+                                                      scope.surfaces.data(), scope.count(),
+                                                      nullptr, nullptr)),
+            1e15);
+  // Focal lengths from the array replace the records': with the eyepiece's
+  // power taken away (focal length 0), the objective alone has f = 100 mm.
+  std::vector<double> focal = {0.0, 100.0, 0.0, 0.0};
+  EXPECT_NEAR((nuvrix::calculate_efl_abcd_t<double, double>(c.data(), t.data(), scope.row(),
+                                                            scope.surfaces.data(), scope.count(),
+                                                            focal.data(), nullptr)),
+              100.0, 1e-12);
+}
+
+TEST(Pupils, EntrancePupilTraceRoundsAsWritten) {
+  // The reversed trace from the stop of the Cooke triplet, written out:
+  // y += t u and u = (n_a u - p y) / n_b, each product rounded on its own.
+  System const sys = nuvrix_test::cooke_triplet();
+  double const* idx = sys.row();
+  int const stop = nuvrix_test::kCookeStop;
+  double y = 0.0, u = 0.1;
+  for (int k = stop - 1; k >= 1; --k) {
+    double const t = sys.surfaces[k].thickness;
+    y = y + t * u;
+    double const p = (idx[k - 1] - idx[k]) * -sys.surfaces[k].curvature;
+    u = (idx[k] * u - p * y) / idx[k - 1];
+  }
+  u = (idx[0] * u - 0.0 * y) / idx[0];
+  double const want = y / u;
+  double const got = nuvrix_entrance_pupil_position(sys.surfaces.data(), sys.count(), idx, stop);
+  EXPECT_EQ(got, want);
+  std::vector<double> c, t;
+  for (SurfaceData const& s : sys.surfaces) c.push_back(s.curvature), t.push_back(s.thickness);
+  EXPECT_EQ((nuvrix::compute_entrance_pupil_position_t<double, double>(
+                c.data(), t.data(), idx, sys.surfaces.data(), sys.count(), stop)),
+            want);
+
+  // A thin lens of NaN focal length in front of the stop has no power in the
+  // reversed pass (only a finite, nonzero focal length counts there), so the
+  // pupil is the stop itself, 20 mm behind surface 1.
+  System const nan_lens =
+      thin_lenses({std::numeric_limits<double>::quiet_NaN(), 1e300}, {20.0, 30.0});
+  EXPECT_EQ(nuvrix_entrance_pupil_position(nan_lens.surfaces.data(), nan_lens.count(),
+                                           nan_lens.row(), 2),
+            20.0);
 }
