@@ -128,10 +128,11 @@ NUVRIX_HD double calculate_bfl(SurfaceData const* surfaces, int n, double const*
   return -end.previous.y / u;
 }
 
-// The plain focal length: every surface a refracting conic of its own
-// curvature (mirror flags and matrix elements ignored), only non-finite
-// thicknesses skipped, and -y/u at the final surface, the distance from it
-// to the axis crossing of a ray that came in parallel at unit height.
+// The plain focal length: thin lenses keep their power, every other surface
+// refracts by its own curvature (mirror flags and matrix elements ignored),
+// only non-finite thicknesses are skipped, and -y/u at the final surface is
+// the distance from it to the axis crossing of a ray that came in parallel
+// at unit height.
 NUVRIX_HD double focal_length(SurfaceData const* surfaces, int n, double const* indices) {
   if (n <= 1) return kNoPowerFocal;
   double y = 1.0, u = 0.0;
