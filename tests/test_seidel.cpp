@@ -240,6 +240,12 @@ TEST(SeidelRange, AgreesWithTheAnalysisOnSphericalRefractingSurfaces) {
     EXPECT_NEAR(range_sum(sys, k, 5.0, 12.0, stop, shrt.data(), lng.data()), kind_of(run.totals, k),
                 1e-10 * scale)
         << "kind " << k;
+    // Surface by surface: a range of one surface is that surface's record.
+    for (SeidelSurfaceCoeffs const& r : run.records) {
+      EXPECT_NEAR(range_sum(sys, k, 5.0, 12.0, stop, shrt.data(), lng.data(), r.surface, r.surface),
+                  kind_of(r, k), 1e-10 * scale)
+          << "kind " << k << ", surface " << r.surface;
+    }
   }
 }
 
