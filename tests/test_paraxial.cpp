@@ -55,7 +55,7 @@ System thin_lenses(std::vector<double> const& f, std::vector<double> const& gaps
 // The generic forms at double, with curvatures and thicknesses copied from
 // the records; `n` may be smaller than the system to model a short one.
 struct Generic {
-  System const& sys;
+  System sys;
   std::vector<double> c, t;
   explicit Generic(System const& s) : sys(s) {
     for (SurfaceData const& r : s.surfaces) c.push_back(r.curvature), t.push_back(r.thickness);
