@@ -328,8 +328,9 @@ RayTraceResult nuvrix_trace_ray_full(const SurfaceData* surfaces, int32_t surfac
 /* ------------------------------------------------------------------------ */
 
 /* The plain focal length: -y/u at the last surface of a unit ray that came
- * in parallel, every surface refracting by its own curvature (mirror flags
- * and matrix elements ignored).  1e15 when afocal or n <= 1. */
+ * in parallel.  Thin lenses keep their power; every other surface refracts
+ * by its own curvature (mirror flags and matrix elements ignored), and only
+ * a non-finite thickness is skipped.  1e15 when |u| < 1e-15 or n <= 1. */
 double nuvrix_focal_length(const SurfaceData* surfaces, int32_t n, const double* indices);
 
 /* Effective focal length -n0 / (u' n').  1e15 when afocal, 0 when n < 2. */

@@ -128,10 +128,11 @@ NUVRIX_HD double calculate_bfl(SurfaceData const* surfaces, int n, double const*
   return -end.previous.y / u;
 }
 
-// The plain focal length: every surface a refracting conic of its own
-// curvature (mirror flags and matrix elements ignored), only non-finite
-// thicknesses skipped, and -y/u at the final surface, the distance from it
-// to the axis crossing of a ray that came in parallel at unit height.
+// The plain focal length: thin lenses keep their power, every other surface
+// refracts by its own curvature (mirror flags and matrix elements ignored),
+// only non-finite thicknesses are skipped, and -y/u at the final surface is
+// the distance from it to the axis crossing of a ray that came in parallel
+// at unit height.
 NUVRIX_HD double focal_length(SurfaceData const* surfaces, int n, double const* indices) {
   if (n <= 1) return kNoPowerFocal;
   double y = 1.0, u = 0.0;
@@ -151,6 +152,56 @@ NUVRIX_HD double focal_length(SurfaceData const* surfaces, int n, double const* 
 // ---------------------------------------------------------------------------
 // Generic forms over the scalar T of the geometry and U of the indices.
 
+namespace detail {
+
+// The power step of the paraxial trace at surface k (indices k - 1 in front,
+// k behind): matrix, thin lens, mirror or refraction, the matrix elements
+// and focal lengths from the override arrays when they are given.
+template <typename T, typename U>
+NUVRIX_HD void paraxial_power_step_t(T const* curvatures, U const* indices,
+                                     SurfaceData const* surfaces, int k, T const* focal_lengths,
+                                     U const (*matrices)[8], T& y, T& u) {
+  SurfaceData const& s = surfaces[k];
+  U const& n_a = indices[k - 1];
+  U const& n_b = indices[k];
+  if (s.type == NUVRIX_SURFACE_MATRIX) {
+    T A, B, C, D;
+    if (matrices != nullptr) {
+      A = T(matrices[k][0]);
+      B = T(matrices[k][1]);
+      C = T(matrices[k][2]);
+      D = T(matrices[k][3]);
+    } else {
+      A = T(s.coefficients[0]);
+      B = T(s.coefficients[1]);
+      C = T(s.coefficients[2]);
+      D = T(s.coefficients[3]);
+    }
+    T const yp = fma(A, y, B * u);
+    T const up = fma(C, y, D * u);
+    y = yp;
+    u = up;
+    return;
+  }
+  T p;
+  T d;
+  if (s.type == NUVRIX_SURFACE_PARAXIAL_LENS) {
+    T const f = focal_lengths != nullptr ? focal_lengths[k] : T(s.focal_length);
+    double const fv = val(f);
+    p = (is_inf(fv) || fv == 0.0) ? T(0.0) : T(1.0 / f);
+    d = T(n_b);
+  } else if (s.is_mirror != 0) {
+    p = (-2.0 * n_a) * curvatures[k];
+    d = T(-n_a);
+  } else {
+    p = (n_b - n_a) * curvatures[k];
+    d = T(n_b);
+  }
+  u = fma(T(n_a), u, -(p * y)) / d;
+}
+
+}  // namespace detail
+
 // The paraxial trace with curvatures and thicknesses from arrays, optional
 // focal lengths (by surface) and matrices (row k: A, B, C, D of surface k).
 // Only a non-finite thickness is skipped.  Returns n - 1, or 0 when n < 2.
@@ -162,44 +213,8 @@ NUVRIX_HD int trace_paraxial_ray_t(T const* curvatures, T const* thicknesses, U 
   T y = y0, u = u0;
   for (int i = 0; i <= n - 2; ++i) {
     if (detail::is_finite(detail::val(thicknesses[i]))) y = fma(thicknesses[i], u, y);
-    int const k = i + 1;
-    SurfaceData const& s = surfaces[k];
-    U const& n_a = indices[i];
-    U const& n_b = indices[k];
-    if (s.type == NUVRIX_SURFACE_MATRIX) {
-      T A, B, C, D;
-      if (matrices != nullptr) {
-        A = T(matrices[k][0]);
-        B = T(matrices[k][1]);
-        C = T(matrices[k][2]);
-        D = T(matrices[k][3]);
-      } else {
-        A = T(s.coefficients[0]);
-        B = T(s.coefficients[1]);
-        C = T(s.coefficients[2]);
-        D = T(s.coefficients[3]);
-      }
-      T const yp = fma(A, y, B * u);
-      T const up = fma(C, y, D * u);
-      y = yp;
-      u = up;
-    } else {
-      T p;
-      T d;
-      if (s.type == NUVRIX_SURFACE_PARAXIAL_LENS) {
-        T const f = focal_lengths != nullptr ? focal_lengths[k] : T(s.focal_length);
-        double const fv = detail::val(f);
-        p = (detail::is_inf(fv) || fv == 0.0) ? T(0.0) : T(1.0 / f);
-        d = T(n_b);
-      } else if (s.is_mirror != 0) {
-        p = (-2.0 * n_a) * curvatures[k];
-        d = T(-n_a);
-      } else {
-        p = (n_b - n_a) * curvatures[k];
-        d = T(n_b);
-      }
-      u = fma(T(n_a), u, -(p * y)) / d;
-    }
+    detail::paraxial_power_step_t<T, U>(curvatures, indices, surfaces, i + 1, focal_lengths,
+                                        matrices, y, u);
     y_out[i] = y;
     u_out[i] = u;
   }

@@ -58,9 +58,10 @@ NUVRIX_HD T entrance_pupil_core(Geometry const& g, U const* indices, SurfaceData
     // Transfer across the spacing of entry j - 1 (surface ks, the thickness of ks - 1);
     // the object distance (ks = 1) is never crossed.
     int const ks = stop_surface - j + 1;
+    // Unlike the forward step, products are rounded on their own here.
     if (ks != 1 && ks - 1 < n) {
       T const t = g.thickness(ks - 1);
-      if (is_finite(val(t))) y = fma(t, u, y);
+      if (is_finite(val(t))) y = y + t * u;
     }
     int const k = stop_surface - j;  // 0: the closing entry
     bool const real = k >= 1 && k < n;
@@ -89,7 +90,7 @@ NUVRIX_HD T entrance_pupil_core(Geometry const& g, U const* indices, SurfaceData
     } else if (real) {
       p = (n_b - n_a) * (-g.curvature(k));
     }
-    u = fma(T(n_a), u, -(p * y)) / divisor;
+    u = (n_a * u - p * y) / divisor;
   }
   if (fabs(val(u)) < kTiny) return T(0.0);
   return y / u;

@@ -63,52 +63,6 @@ NUVRIX_HD SeidelSurfaceTerms<T> seidel_surface_terms(N const& n_a, N const& n_b,
   return s;
 }
 
-// The power step of the paraxial trace at surface k (indices k - 1 in front,
-// k behind): matrix, thin lens, mirror or refraction, the matrix elements
-// and focal lengths from the override arrays when they are given.
-template <typename T, typename U>
-NUVRIX_HD void paraxial_power_step_t(T const* curvatures, U const* indices,
-                                     SurfaceData const* surfaces, int k, T const* focal_lengths,
-                                     U const (*matrices)[8], T& y, T& u) {
-  SurfaceData const& s = surfaces[k];
-  U const& n_a = indices[k - 1];
-  U const& n_b = indices[k];
-  if (s.type == NUVRIX_SURFACE_MATRIX) {
-    T A, B, C, D;
-    if (matrices != nullptr) {
-      A = T(matrices[k][0]);
-      B = T(matrices[k][1]);
-      C = T(matrices[k][2]);
-      D = T(matrices[k][3]);
-    } else {
-      A = T(s.coefficients[0]);
-      B = T(s.coefficients[1]);
-      C = T(s.coefficients[2]);
-      D = T(s.coefficients[3]);
-    }
-    T const yp = fma(A, y, B * u);
-    T const up = fma(C, y, D * u);
-    y = yp;
-    u = up;
-    return;
-  }
-  T p;
-  T d;
-  if (s.type == NUVRIX_SURFACE_PARAXIAL_LENS) {
-    T const f = focal_lengths != nullptr ? focal_lengths[k] : T(s.focal_length);
-    double const fv = val(f);
-    p = (is_inf(fv) || fv == 0.0) ? T(0.0) : T(1.0 / f);
-    d = T(n_b);
-  } else if (s.is_mirror != 0) {
-    p = (-2.0 * n_a) * curvatures[k];
-    d = T(-n_a);
-  } else {
-    p = (n_b - n_a) * curvatures[k];
-    d = T(n_b);
-  }
-  u = fma(T(n_a), u, -(p * y)) / d;
-}
-
 // The fourth-order surface terms of a conic or asphere with coefficient e
 // (K c^3 + 8 a) across an index step dn: f = e dn y_m^2, and s1, s2, s3
 // grow by f y_m^2, f y_m y_c, f y_c^2, s5 by e dn y_m y_c^3.

@@ -1,5 +1,7 @@
 // Compiled by nvcc only: proves that the trace core builds as device code,
 // so that the kernels can run the very same trace as the CPU.
+#include "first_order/paraxial.hpp"
+#include "first_order/paraxial_solve.hpp"
 #include "first_order/seidel.hpp"
 #include "trace/trace_core.hpp"
 #include "trace/front_ends.hpp"
@@ -45,11 +47,40 @@ extern "C" __global__ void nuvrix_device_compile_probe(SurfaceData const* surfac
                                                    nullptr);
   out[1] = y0 + m0 + n0 + s1 + ty + tu + A * D - B * C;
 
+  // The paraxial trace, the focal quantities, the pupils and the solve.
+  ParaxialRayState rows[4];
+  int const written = nuvrix::trace_paraxial_ray(surfaces, m, indices, 1.0, 0.0, rows);
+  nuvrix::ParaxialEndState const end = nuvrix::trace_paraxial_end(surfaces, m, indices, 1.0, 0.0, 1);
+  double yt[4], ut[4];
+  nuvrix::trace_paraxial_ray_t<double, double>(curvatures, thicknesses, indices, surfaces, m, 1.0,
+                                               0.0, yt, ut, nullptr, nullptr);
+  double const focal = nuvrix::calculate_efl_abcd(surfaces, m, indices) +
+                       nuvrix::calculate_efl(surfaces, m, indices) +
+                       nuvrix::calculate_bfl(surfaces, m, indices) +
+                       nuvrix::focal_length(surfaces, m, indices) +
+                       nuvrix::calculate_efl_abcd_t<double, double>(
+                           curvatures, thicknesses, indices, surfaces, m, nullptr, nullptr) +
+                       nuvrix::calculate_bfl_t<double, double>(curvatures, thicknesses, indices,
+                                                               surfaces, m, nullptr, nullptr);
+  double const pupils =
+      nuvrix::compute_entrance_pupil_position(surfaces, m, indices, 2) +
+      nuvrix::compute_entrance_pupil_position_t<double, double>(curvatures, thicknesses, indices,
+                                                                surfaces, m, 2) +
+      nuvrix::compute_exit_pupil_position_t<double, double>(curvatures, thicknesses, indices,
+                                                            surfaces, m, 2, nullptr);
+  FieldData const field = {5.0, 1.0, 0.0};
+  ParaxialRayState chief[4];
+  ParaxialSolveResult const solve =
+      nuvrix::paraxial_solve(surfaces, m, indices, &config, &field, 1, rows, chief);
+  nuvrix::trace_chief_ray(surfaces, m, indices, &config, &field, 1, chief);
+  out[2] = written + end.last.y + yt[0] + focal + pupils + solve.efl + chief[0].y +
+           nuvrix::compute_exit_pupil_position(surfaces, m, indices, &config, &field, 1);
+
   // The robust trace from a point in free space, 500 mm back along the axis.
   RayState history[4];
   RayTraceResult const robust = nuvrix::trace_ray_robust_offset(
       surfaces, count, indices, 0.0, 1.0, -500.0, 0.0, 0.0, 1.0, 1, 0, 550.0, history, 4, true);
-  out[2] = robust.y + history[0].n;
+  out[4] = robust.y + history[0].n;
 
   // The aims and the front ends that choose among them.
   AimToStopResult const aimed = nuvrix::aim_to_stop(surfaces, count, indices, 0.0, 1.0, 0.0, 0.1,
@@ -59,6 +90,6 @@ extern "C" __global__ void nuvrix_device_compile_probe(SurfaceData const* surfac
   RayState full_history[256];
   RayTraceResult const full = nuvrix::trace_full(surfaces, count, indices, &config, 5.0, 5.0, 0.0,
                                                  1.0, 550.0, 10.0, 1, 2.0, full_history);
-  out[3] = aimed.y + arbitrary.y + full.y +
+  out[5] = aimed.y + arbitrary.y + full.y +
            nuvrix::aim_stop_radius(surfaces, count, indices, &config, 5.0);
 }

@@ -52,6 +52,38 @@ System thin_lenses(std::vector<double> const& f, std::vector<double> const& gaps
   return sys;
 }
 
+// The generic forms at double, with curvatures and thicknesses copied from
+// the records; `n` may be smaller than the system to model a short one.
+struct Generic {
+  System sys;
+  std::vector<double> c, t;
+  explicit Generic(System const& s) : sys(s) {
+    for (SurfaceData const& r : s.surfaces) c.push_back(r.curvature), t.push_back(r.thickness);
+  }
+  int trace(int n, double y0, double u0, double* y, double* u, double const* focal = nullptr,
+            double const (*matrices)[8] = nullptr) const {
+    return nuvrix::trace_paraxial_ray_t<double, double>(c.data(), t.data(), sys.row(),
+                                                        sys.surfaces.data(), n, y0, u0, y, u,
+                                                        focal, matrices);
+  }
+  double efl(int n, double const* focal = nullptr) const {
+    return nuvrix::calculate_efl_abcd_t<double, double>(c.data(), t.data(), sys.row(),
+                                                        sys.surfaces.data(), n, focal, nullptr);
+  }
+  double bfl(int n) const {
+    return nuvrix::calculate_bfl_t<double, double>(c.data(), t.data(), sys.row(),
+                                                   sys.surfaces.data(), n, nullptr, nullptr);
+  }
+  double entrance(int n, int stop) const {
+    return nuvrix::compute_entrance_pupil_position_t<double, double>(
+        c.data(), t.data(), sys.row(), sys.surfaces.data(), n, stop);
+  }
+  double exit(int n, int stop) const {
+    return nuvrix::compute_exit_pupil_position_t<double, double>(
+        c.data(), t.data(), sys.row(), sys.surfaces.data(), n, stop, nullptr);
+  }
+};
+
 }  // namespace
 
 TEST(Paraxial, CookeTripletFocalQuantitiesMatchIndependentTrace) {
@@ -155,12 +187,6 @@ TEST(Paraxial, TooShortAndAfocalSystems) {
                             nullptr, nullptr);
   EXPECT_EQ(r.entrance_pupil_diameter, 1e15 / 4.0);
   EXPECT_EQ(r.efl, 0.0);
-  // |u_last| exactly 1e-15: the EFL takes the sentinel, the plain focal length divides.
-  System const weak = thin_lenses({-1e15}, {10.0});
-  EXPECT_EQ(nuvrix_calculate_efl(weak.surfaces.data(), weak.count(), weak.row()), 1e15);
-  double const plain = nuvrix_focal_length(weak.surfaces.data(), weak.count(), weak.row());
-  EXPECT_NE(plain, 1e15);
-  EXPECT_NEAR(plain, -(1.0 + 10.0 * 1e-15) / 1e-15, 1.0);
 }
 
 TEST(Paraxial, ThinLensWithoutPowerAndMatrixIndexRules) {
@@ -180,6 +206,15 @@ TEST(Paraxial, ThinLensWithoutPowerAndMatrixIndexRules) {
   EXPECT_DOUBLE_EQ(rows[0].y, 2.0 + 2.0 * 0.1);
   EXPECT_DOUBLE_EQ(rows[0].u, -0.05 * 2.0 + 0.1);
   EXPECT_DOUBLE_EQ(rows[0].nu, rows[0].u * 1.5);
+  // The EFL honours the matrix: -n0 / (u' n') with u' = C = -0.05.
+  EXPECT_DOUBLE_EQ(nuvrix_calculate_efl(m.surfaces.data(), 3, m.row()), 1.0 / (0.05 * 1.5));
+  // The plain focal length reads a matrix surface as a refracting surface of
+  // its own curvature: with c = 1/20 into n' = 1.5 the focus lies n'/P = 60
+  // mm behind it, 50 mm behind the last surface.
+  m.surfaces[1].curvature = 1.0 / 20.0;
+  EXPECT_NEAR(nuvrix_focal_length(m.surfaces.data(), 3, m.row()), 50.0, 1e-12);
+  m.surfaces[1].curvature = 0.0;
+  EXPECT_EQ(nuvrix_focal_length(m.surfaces.data(), 3, m.row()), 1e15);
 }
 
 TEST(Paraxial, InfiniteThicknessRulesDifferByRoutine) {
@@ -189,14 +224,8 @@ TEST(Paraxial, InfiniteThicknessRulesDifferByRoutine) {
   ParaxialRayState rows[4];
   nuvrix::trace_paraxial_ray(sys.surfaces.data(), sys.count(), sys.row(), 1.0, 0.0, rows);
   EXPECT_DOUBLE_EQ(rows[1].y, 1.0);
-  std::vector<double> curv(sys.count()), thick(sys.count()), y(sys.count()), u(sys.count());
-  for (int i = 0; i < sys.count(); ++i) {
-    curv[i] = sys.surfaces[i].curvature;
-    thick[i] = sys.surfaces[i].thickness;
-  }
-  nuvrix::trace_paraxial_ray_t<double, double>(curv.data(), thick.data(), sys.row(),
-                                               sys.surfaces.data(), sys.count(), 1.0, 0.0, y.data(),
-                                               u.data(), nullptr, nullptr);
+  double y[4], u[4];
+  Generic(sys).trace(sys.count(), 1.0, 0.0, y, u);
   EXPECT_DOUBLE_EQ(y[1], 1.0 - 1e10 / 100.0);
   double const plain = nuvrix_focal_length(sys.surfaces.data(), sys.count(), sys.row());
   double const yl = 1.0 - 1e10 / 100.0, ul = -0.01 - yl / 50.0;  // at lens 2, then to the image
@@ -204,40 +233,26 @@ TEST(Paraxial, InfiniteThicknessRulesDifferByRoutine) {
 }
 
 TEST(Paraxial, GenericFormsAtDoubleMatchThePlainForms) {
-  System const sys = nuvrix_test::cooke_triplet();
-  int const n = sys.count();
-  std::vector<double> curv(n), thick(n), y(n), u(n);
-  for (int i = 0; i < n; ++i) {
-    curv[i] = sys.surfaces[i].curvature;
-    thick[i] = sys.surfaces[i].thickness;
-  }
-  thick[0] = std::numeric_limits<double>::infinity();  // the step and the template agree on it
-  System plain = sys;
-  plain.surfaces[0].thickness = thick[0];
+  System plain = nuvrix_test::cooke_triplet();
+  // An infinite object distance: the step and the template agree on it.
+  plain.surfaces[0].thickness = std::numeric_limits<double>::infinity();
+  int const n = plain.count();
+  Generic const g(plain);
+  SurfaceData const* s = plain.surfaces.data();
   ParaxialRayState rows[16];
-  nuvrix::trace_paraxial_ray(plain.surfaces.data(), n, sys.row(), 3.0, 0.02, rows);
-  nuvrix::trace_paraxial_ray_t<double, double>(curv.data(), thick.data(), sys.row(),
-                                               plain.surfaces.data(), n, 3.0, 0.02, y.data(),
-                                               u.data(), nullptr, nullptr);
+  double y[16], u[16];
+  nuvrix::trace_paraxial_ray(s, n, plain.row(), 3.0, 0.02, rows);
+  g.trace(n, 3.0, 0.02, y, u);
   for (int i = 0; i < n - 1; ++i) {
     EXPECT_EQ(y[i], rows[i].y);
     EXPECT_EQ(u[i], rows[i].u);
   }
-  EXPECT_EQ((nuvrix::calculate_efl_abcd_t<double, double>(curv.data(), thick.data(), sys.row(),
-                                                           plain.surfaces.data(), n, nullptr,
-                                                           nullptr)),
-            nuvrix::calculate_efl_abcd(plain.surfaces.data(), n, sys.row()));
-  EXPECT_EQ((nuvrix::calculate_bfl_t<double, double>(curv.data(), thick.data(), sys.row(),
-                                                      plain.surfaces.data(), n, nullptr, nullptr)),
-            nuvrix::calculate_bfl(plain.surfaces.data(), n, sys.row()));
-  EXPECT_EQ((nuvrix::compute_entrance_pupil_position_t<double, double>(
-                curv.data(), thick.data(), sys.row(), plain.surfaces.data(), n, 4)),
-            nuvrix::compute_entrance_pupil_position(plain.surfaces.data(), n, sys.row(), 4));
+  EXPECT_EQ(g.efl(n), nuvrix::calculate_efl_abcd(s, n, plain.row()));
+  EXPECT_EQ(g.bfl(n), nuvrix::calculate_bfl(s, n, plain.row()));
+  EXPECT_EQ(g.entrance(n, 4), nuvrix::compute_entrance_pupil_position(s, n, plain.row(), 4));
   SystemConfig const cfg = config_epd(10.0, 4);
   FieldData const field = {20.0, 1.0, 0.0};
-  EXPECT_EQ((nuvrix::compute_exit_pupil_position_t<double, double>(
-                curv.data(), thick.data(), sys.row(), plain.surfaces.data(), n, 4, nullptr)),
-            nuvrix_compute_exit_pupil_position(plain.surfaces.data(), n, sys.row(), &cfg, &field, 1));
+  EXPECT_EQ(g.exit(n, 4), nuvrix_compute_exit_pupil_position(s, n, plain.row(), &cfg, &field, 1));
 }
 
 TEST(Pupils, EntrancePupilOfStopBehindLensIsItsVirtualImage) {
@@ -315,6 +330,22 @@ TEST(Pupils, MarginalHeightForEachApertureType) {
   EXPECT_NEAR(nuvrix::paraxial_marginal_height(finite.surfaces.data(), finite.count(),
                                                finite.row(), cfg),
               (200.0 + 1e10) * std::tan(std::asin(0.1)), 1e-3);
+  // In an immersion object space the sine of the marginal angle is NA / n;
+  // an index below 1e-6 is read as air.
+  cfg.telecentric_object = 0;
+  cfg.aperture_value = 0.5;
+  std::vector<double> water = finite.indices;
+  water[0] = 1.33;
+  double const ep_water = nuvrix_entrance_pupil_position(finite.surfaces.data(), finite.count(),
+                                                         water.data(), nuvrix_test::kCookeStop);
+  EXPECT_NEAR(nuvrix::paraxial_marginal_height(finite.surfaces.data(), finite.count(),
+                                               water.data(), cfg),
+              (200.0 + ep_water) * std::tan(std::asin(0.5 / 1.33)), 1e-12);
+  cfg.stop_surface = 1;  // pupil on surface 1, whatever the object index
+  water[0] = 0.0;
+  EXPECT_NEAR(nuvrix::paraxial_marginal_height(finite.surfaces.data(), finite.count(),
+                                               water.data(), cfg),
+              200.0 * std::tan(std::asin(0.5)), 1e-12);
 }
 
 TEST(Pupils, ChiefRayCrossesTheStopCentre) {
@@ -325,8 +356,12 @@ TEST(Pupils, ChiefRayCrossesTheStopCentre) {
   ParaxialSolveResult const r = nuvrix_paraxial_solve(sys.surfaces.data(), sys.count(), sys.row(),
                                                       &cfg, fields, 3, marginal, chief);
   EXPECT_NEAR(chief[nuvrix_test::kCookeStop - 1].y, 0.0, 1e-13);
-  EXPECT_DOUBLE_EQ(chief[0].u - chief[0].u, 0.0);
-  EXPECT_EQ(marginal[0].y, 5.0 + 0.0 * marginal[0].u);
+  // The marginal ray enters parallel at the rim of the 10 mm pupil and ends
+  // on the image surface near the paraxial focus.
+  EXPECT_EQ(marginal[0].y, 5.0);
+  int const image_row = sys.count() - 2;
+  EXPECT_NEAR(marginal[image_row].y,
+              marginal[image_row - 1].y * (r.bfl - 42.20778) / r.bfl, 1e-12);
   // The field of largest magnitude keeps its sign: the chief ray enters at -20 degrees.
   // Its launch height, back-projected, sits at the entrance pupil.
   double const u0 = std::tan(-20.0 * M_PI / 180.0);
@@ -377,14 +412,193 @@ TEST(Pupils, SolveEdgeCases) {
   r = nuvrix_paraxial_solve(dummy.surfaces.data(), dummy.count(), dummy.row(), &cfg, nullptr, 0,
                             nullptr, nullptr);
   EXPECT_DOUBLE_EQ(r.total_length, 29.0);
+  // A medium of index 1.1 or more behind the stop is not air: its spacing counts.
+  cfg.stop_surface = 1;
+  dummy.indices[1] = 1.1;
+  r = nuvrix_paraxial_solve(dummy.surfaces.data(), dummy.count(), dummy.row(), &cfg, nullptr, 0,
+                            nullptr, nullptr);
+  EXPECT_DOUBLE_EQ(r.total_length, 29.0);
+  // Two surfaces: the exit pupil has no second row to stand on and stays 0,
+  // and the pupil diameter is twice the marginal height on the last surface.
+  ParaxialRayState rows[2];
+  nuvrix::trace_paraxial_ray(sys.surfaces.data(), 2, sys.row(), 5.0, 0.0, rows);
+  r = nuvrix_paraxial_solve(sys.surfaces.data(), 2, sys.row(), &cfg, &field, 1, nullptr, nullptr);
+  EXPECT_EQ(r.exit_pupil_position, 0.0);
+  EXPECT_EQ(r.exit_pupil_diameter, 2.0 * std::fabs(rows[0].y));
+  EXPECT_EQ(r.efl, 0.0);
 }
 
 TEST(Pupils, SingularMatrixInFrontOfStopDoesNotStopTheTrace) {
-  System sys = nuvrix_test::make_system({0.0, 0.0, 0.0, 0.0}, {1e10, 10.0, 10.0, 0.0},
-                                        {1.0, 1.0, 1.0, 1.0});
-  sys.surfaces[2].type = NUVRIX_SURFACE_MATRIX;  // a zero matrix in front of the stop
-  double const ep = nuvrix_entrance_pupil_position(sys.surfaces.data(), 4, sys.row(), 3);
-  EXPECT_TRUE(std::isfinite(ep));
-  // Reversed: y = 1 at the matrix, through (D y + B u)/1e-15 = 0 and (C y + A u)/1e-15 = 0.
-  EXPECT_EQ(ep, 0.0);
+  // A plane, 10 mm, a matrix surface, 10 mm, the stop.  The rank-one matrix
+  // [1 4; 0 0] has determinant 0; the reversed pass divides by 1e-15 instead
+  // and the scale cancels in y / u: leaving the matrix backwards, y / u =
+  // (D y + B u) / (C y + A u) = 4, and 10 mm further y / u = 14.
+  System sys = nuvrix_test::make_system({0.0, 0.0, 0.0, 0.0, 0.0}, {1e10, 10.0, 10.0, 5.0, 0.0},
+                                        {1.0, 1.0, 1.0, 1.0, 1.0});
+  sys.surfaces[2].type = NUVRIX_SURFACE_MATRIX;
+  double const rank_one[4] = {1.0, 4.0, 0.0, 0.0};
+  for (int k = 0; k < 4; ++k) sys.surfaces[2].coefficients[k] = rank_one[k];
+  EXPECT_NEAR(nuvrix_entrance_pupil_position(sys.surfaces.data(), 5, sys.row(), 3), 14.0, 1e-12);
+  // A nearly singular matrix of negative determinant is held at -1e-15 and
+  // gives the same image.
+  sys.surfaces[2].coefficients[3] = -1e-17;
+  EXPECT_NEAR(nuvrix_entrance_pupil_position(sys.surfaces.data(), 5, sys.row(), 3), 14.0, 1e-12);
+  // The zero matrix sends nothing through: the reversed slope vanishes.
+  for (int k = 0; k < 4; ++k) sys.surfaces[2].coefficients[k] = 0.0;
+  EXPECT_EQ(nuvrix_entrance_pupil_position(sys.surfaces.data(), 5, sys.row(), 3), 0.0);
+}
+
+TEST(Paraxial, EndStateKeepsFirstPreviousLastAndTarget) {
+  System const sys = nuvrix_test::cooke_triplet();
+  int const n = sys.count();
+  ParaxialRayState rows[16];
+  nuvrix::trace_paraxial_ray(sys.surfaces.data(), n, sys.row(), 2.0, 0.05, rows);
+  auto same = [](ParaxialRayState const& a, ParaxialRayState const& b) {
+    return a.y == b.y && a.u == b.u && a.nu == b.nu;
+  };
+  nuvrix::ParaxialEndState e =
+      nuvrix::trace_paraxial_end(sys.surfaces.data(), n, sys.row(), 2.0, 0.05, 3);
+  EXPECT_EQ(e.row_count, n - 1);
+  EXPECT_TRUE(same(e.first, rows[0]));
+  EXPECT_TRUE(same(e.last, rows[n - 2]));
+  EXPECT_TRUE(same(e.previous, rows[n - 3]));
+  ASSERT_TRUE(e.target_found);
+  EXPECT_TRUE(same(e.target, rows[3]));
+  for (int target : {-1, n - 1}) {
+    e = nuvrix::trace_paraxial_end(sys.surfaces.data(), n, sys.row(), 2.0, 0.05, target);
+    EXPECT_FALSE(e.target_found);
+    EXPECT_EQ(e.target.y, 0.0);
+  }
+  // One row: first and last are that row, previous stays zero.
+  e = nuvrix::trace_paraxial_end(sys.surfaces.data(), 2, sys.row(), 2.0, 0.05, 0);
+  EXPECT_EQ(e.row_count, 1);
+  EXPECT_TRUE(same(e.first, e.last));
+  EXPECT_TRUE(same(e.target, e.last));
+  EXPECT_TRUE(e.previous.y == 0.0 && e.previous.u == 0.0 && e.previous.nu == 0.0);
+  // No rows: everything zero.
+  e = nuvrix::trace_paraxial_end(sys.surfaces.data(), 1, sys.row(), 2.0, 0.05, 0);
+  EXPECT_EQ(e.row_count, 0);
+  EXPECT_FALSE(e.target_found);
+  EXPECT_TRUE(e.first.y == 0.0 && e.last.y == 0.0 && e.last.u == 0.0);
+}
+
+TEST(Paraxial, NanPowerAndExactThresholdsFollowEachRoutinesRule) {
+  // A thin lens with a NaN focal length has a NaN power: the EFL and BFL,
+  // which test |u| > 1e-15, take the sentinel, while the plain focal length,
+  // which tests 1e-15 > |u|, lets the NaN through; the solve forms nothing.
+  // A lens of power exactly -1e-15 leaves a unit ray with u = 1e-15: again
+  // the sentinel, and the solve (unit launch height) forms neither value.
+  SystemConfig const unit = config_epd(2.0, 1);
+  for (double f : {std::numeric_limits<double>::quiet_NaN(), -1e15}) {
+    System const sys = thin_lenses({f}, {20.0});
+    SurfaceData const* s = sys.surfaces.data();
+    int const n = sys.count();
+    ParaxialRayState rows[4];
+    nuvrix::trace_paraxial_ray(s, n, sys.row(), 1.0, 0.0, rows);
+    EXPECT_TRUE(std::isnan(f) ? std::isnan(rows[0].u) : rows[0].u == 1e-15);
+    EXPECT_EQ(nuvrix_calculate_efl(s, n, sys.row()), 1e15);
+    EXPECT_EQ(nuvrix_calculate_bfl(s, n, sys.row()), 1e15);
+    EXPECT_EQ(Generic(sys).efl(n), 1e15);
+    EXPECT_EQ(Generic(sys).bfl(n), 1e15);
+    double const plain = nuvrix_focal_length(s, n, sys.row());
+    if (std::isnan(f)) {
+      EXPECT_TRUE(std::isnan(plain));
+    } else {
+      EXPECT_NEAR(plain, -(1.0 + 20.0 * 1e-15) / 1e-15, 1.0);
+    }
+    ParaxialSolveResult const r =
+        nuvrix_paraxial_solve(s, n, sys.row(), &unit, nullptr, 0, nullptr, nullptr);
+    EXPECT_EQ(r.efl, 0.0);
+    EXPECT_EQ(r.bfl, 0.0);
+    EXPECT_EQ(r.image_distance, 0.0);
+  }
+}
+
+TEST(Paraxial, GenericTraceTakesOverridesByTheSurfaceIndex) {
+  // Refracting surface, thin lens, matrix surface and a concave mirror.  The
+  // generic trace with curvatures, focal lengths and matrices from arrays
+  // must equal the plain step on records that carry the same values.
+  System sys = nuvrix_test::make_system(
+      {0.0, 0.0, 0.0, 0.0, 0.0, 0.0},
+      {std::numeric_limits<double>::infinity(), 5.0, 10.0, 20.0, -30.0, 0.0},
+      {1.0, 1.5, 1.0, 1.0, 1.0, 1.0});
+  sys.surfaces[2].type = NUVRIX_SURFACE_PARAXIAL_LENS;
+  sys.surfaces[2].focal_length = 1e300;
+  sys.surfaces[3].type = NUVRIX_SURFACE_MATRIX;
+  sys.surfaces[3].coefficients[0] = sys.surfaces[3].coefficients[3] = 1.0;
+  sys.surfaces[4].is_mirror = 1;
+  int const n = sys.count();
+  Generic g(sys);
+  g.c[1] = 1.0 / 30.0;
+  g.c[4] = -1.0 / 100.0;
+  double const focal[6] = {0.0, 0.0, 80.0, 0.0, 0.0, 0.0};
+  double const abcd[4] = {1.1, 2.0, -0.01, 0.9};
+  double matrices[6][8] = {};
+  for (int k = 0; k < 4; ++k) matrices[3][k] = abcd[k];
+
+  System rec = sys;
+  rec.surfaces[1].curvature = g.c[1];
+  rec.surfaces[4].curvature = g.c[4];
+  rec.surfaces[2].focal_length = focal[2];
+  for (int k = 0; k < 4; ++k) rec.surfaces[3].coefficients[k] = abcd[k];
+  ParaxialRayState rows[8];
+  double y[8], u[8];
+  nuvrix::trace_paraxial_ray(rec.surfaces.data(), n, rec.row(), 3.0, 0.01, rows);
+  ASSERT_EQ(g.trace(n, 3.0, 0.01, y, u, focal, matrices), n - 1);
+  for (int i = 0; i < n - 1; ++i) {
+    EXPECT_EQ(y[i], rows[i].y) << "row " << i;
+    EXPECT_EQ(u[i], rows[i].u) << "row " << i;
+  }
+  // The concave mirror turned the light back.
+  EXPECT_LT(rows[3].u * rows[2].u, 0.0);
+}
+
+TEST(Paraxial, GenericFormsTooShortAndAfocal) {
+  Generic const cooke(nuvrix_test::cooke_triplet());
+  EXPECT_EQ(cooke.efl(0), 0.0);
+  EXPECT_EQ(cooke.efl(1), 0.0);
+  EXPECT_NE(cooke.efl(2), 0.0);
+  EXPECT_EQ(cooke.bfl(2), 0.0);
+  EXPECT_EQ(cooke.entrance(8, 0), 0.0);
+  EXPECT_EQ(cooke.entrance(8, 1), 0.0);
+  // The exit pupil needs a stop at surface 1 or later, more than two
+  // surfaces and a row at the stop.
+  EXPECT_EQ(cooke.exit(8, 0), 0.0);
+  EXPECT_EQ(cooke.exit(2, 1), 0.0);
+  EXPECT_EQ(cooke.exit(8, 8), 0.0);
+
+  System const scope = thin_lenses({100.0, 25.0}, {125.0, 30.0});
+  Generic const g(scope);
+  EXPECT_EQ(g.efl(scope.count()), 1e15);
+  EXPECT_EQ(g.bfl(scope.count()), 1e15);
+  // Focal lengths from the array replace the records': with the eyepiece's
+  // power taken away (focal length 0), the objective alone has f = 100 mm.
+  double const focal[4] = {0.0, 100.0, 0.0, 0.0};
+  EXPECT_NEAR(g.efl(scope.count(), focal), 100.0, 1e-12);
+}
+
+TEST(Pupils, EntrancePupilTraceRoundsAsWritten) {
+  // The reversed trace from the stop of the Cooke triplet, written out:
+  // y += t u and u = (n_a u - p y) / n_b, each product rounded on its own.
+  System const sys = nuvrix_test::cooke_triplet();
+  double const* idx = sys.row();
+  int const stop = nuvrix_test::kCookeStop;
+  double y = 0.0, u = 0.1;
+  for (int k = stop - 1; k >= 1; --k) {
+    y = y + sys.surfaces[k].thickness * u;
+    double const p = (idx[k - 1] - idx[k]) * -sys.surfaces[k].curvature;
+    u = (idx[k] * u - p * y) / idx[k - 1];
+  }
+  u = (idx[0] * u - 0.0 * y) / idx[0];
+  EXPECT_EQ(nuvrix_entrance_pupil_position(sys.surfaces.data(), sys.count(), idx, stop), y / u);
+  EXPECT_EQ(Generic(sys).entrance(sys.count(), stop), y / u);
+
+  // A thin lens of NaN focal length in front of the stop has no power in the
+  // reversed pass (only a finite, nonzero focal length counts there), so the
+  // pupil is the stop itself, 20 mm behind surface 1.
+  System const nan_lens =
+      thin_lenses({std::numeric_limits<double>::quiet_NaN(), 1e300}, {20.0, 30.0});
+  EXPECT_EQ(nuvrix_entrance_pupil_position(nan_lens.surfaces.data(), nan_lens.count(),
+                                           nan_lens.row(), 2),
+            20.0);
 }

@@ -240,6 +240,12 @@ TEST(SeidelRange, AgreesWithTheAnalysisOnSphericalRefractingSurfaces) {
     EXPECT_NEAR(range_sum(sys, k, 5.0, 12.0, stop, shrt.data(), lng.data()), kind_of(run.totals, k),
                 1e-10 * scale)
         << "kind " << k;
+    // Surface by surface: a range of one surface is that surface's record.
+    for (SeidelSurfaceCoeffs const& r : run.records) {
+      EXPECT_NEAR(range_sum(sys, k, 5.0, 12.0, stop, shrt.data(), lng.data(), r.surface, r.surface),
+                  kind_of(r, k), 1e-10 * scale)
+          << "kind " << k << ", surface " << r.surface;
+    }
   }
 }
 
@@ -368,10 +374,96 @@ TEST(ChromaticFocalShift, ShiftsAreBackFocusDifferencesOfTheRows) {
   EXPECT_GT(std::fabs(pts[0].shift), 0.1);  // F2 and SK16 at +0.008 move the focus visibly
   EXPECT_EQ(res.max_shift, largest);
 
+  // A row in which the glass has the index of air leaves the system without
+  // power: its back focus is the 1e15 sentinel.  Too short a system has a
+  // back focus of 0 in every row.
+  System const lens = singlet(50.0, -50.0, 5.0, 1.5, 48.0);
+  double const rows2[8] = {1.0, 1.5, 1.0, 1.0, 1.0, 1.0, 1.0, 1.0};
+  nuvrix_compute_chromatic_focal_shift(lens.surfaces.data(), 4, lens.row(), wavelengths, rows2, 2,
+                                       pts, &res);
+  double const ref = nuvrix_calculate_bfl(lens.surfaces.data(), 4, lens.row());
+  EXPECT_EQ(pts[0].shift, 0.0);
+  EXPECT_EQ(pts[1].shift, 1e15 - ref);
+  EXPECT_EQ(res.max_shift, 1e15 - ref);
+  nuvrix_compute_chromatic_focal_shift(lens.surfaces.data(), 2, lens.row(), wavelengths, rows2, 2,
+                                       pts, &res);
+  EXPECT_EQ(res.count, 2);
+  EXPECT_EQ(pts[0].shift, 0.0);
+  EXPECT_EQ(pts[1].shift, 0.0);
+
   res.count = 5;
   res.max_shift = 9.0;
   nuvrix_compute_chromatic_focal_shift(sys.surfaces.data(), n, sys.row(), wavelengths, table.data(),
                                        0, pts, &res);
   EXPECT_EQ(res.count, 0);
   EXPECT_EQ(res.max_shift, 0.0);
+}
+
+TEST(SeidelLaunch, RaysPassThroughTheirPointInTheEntrancePupil) {
+  // Whatever the object distance and field type, the launched ray must cross
+  // the entrance pupil plane (p behind surface 1) at height py * radius.
+  System const sys = nuvrix_test::finite_relay();
+  SystemConfig cfg = pupil_config(8.0, 1);
+  double const R = 4.0, p = 12.5;
+  for (int field_type : {0, 1}) {
+    cfg.field_type = field_type;
+    for (double thickness : {60.0, kInf}) {
+      if (field_type == 1 && thickness == kInf) continue;  // heights need a finite object
+      for (double py : {1.0, -0.5, 0.0}) {
+        double x = 9, y = 9, l = 9, m = 9, n = 9;
+        nuvrix::get_launch_conditions(sys.surfaces.data(), sys.count(), sys.row(), &cfg,
+                                      thickness, 7.0, R, py, p, x, y, l, m, n);
+        EXPECT_EQ(x, 0.0);
+        EXPECT_EQ(l, 0.0);
+        EXPECT_NEAR(m * m + n * n, 1.0, 1e-15);
+        // From the object plane (finite) or the plane of surface 1 (infinite).
+        double const to_pupil = thickness == kInf ? p : thickness + p;
+        EXPECT_NEAR(y + to_pupil * m / n, py * R, 1e-12)
+            << "field type " << field_type << ", t " << thickness << ", py " << py;
+        if (field_type == 1) {
+          EXPECT_EQ(y, 7.0);  // a height field starts on the object point
+        }
+      }
+    }
+  }
+  // An object at infinity seen at 90 degrees: no pupil shift is possible.
+  cfg.field_type = 0;
+  double x, y, l, m, n;
+  nuvrix::get_launch_conditions(sys.surfaces.data(), sys.count(), sys.row(), &cfg, kInf, 90.0, R,
+                                1.0, p, x, y, l, m, n);
+  EXPECT_EQ(y, R);
+  EXPECT_NEAR(m, 1.0, 1e-15);
+}
+
+TEST(SeidelRange, FiniteObjectHeightsLaunchFromTheObjectPoint) {
+  // Object 200 mm in front of a singlet, the stop on its first surface.  The
+  // marginal ray leaves the axial object point for the rim of the stop, the
+  // chief ray leaves the object height for its centre, so the Lagrange
+  // invariant is H = R h / 200 and the Petzval sum -H^2 sum (1/n' - 1/n) c.
+  double const N = 1.6, r1 = 50.0, r2 = -120.0, R = 6.0, h = 10.0, t0 = 200.0;
+  System const sys = singlet(r1, r2, 4.0, N, 90.0, t0);
+  int const n = sys.count();
+  std::vector<double> c, t;
+  for (SurfaceData const& s : sys.surfaces) c.push_back(s.curvature), t.push_back(s.thickness);
+  auto sum = [&](int kind) {
+    return nuvrix::seidel_range_sum_t<double, double>(c.data(), t.data(), sys.row(), nullptr,
+                                                      nullptr, sys.surfaces.data(), n, 1, 1, R, h,
+                                                      0.0, kind, 1, n - 1, nullptr, nullptr,
+                                                      nullptr);
+  };
+  double const H = R * h / t0;
+  double const petzval = -H * H * ((1.0 / N - 1.0) / r1 + (1.0 - 1.0 / N) / r2);
+  EXPECT_NEAR(sum(3), petzval, 1e-12 * std::fabs(petzval));
+
+  // The analysis launches the same two rays from the object (as direction
+  // cosines) and must find the same sums up to rounding.
+  SystemConfig cfg = pupil_config(2.0 * R, 1);
+  cfg.field_type = 1;
+  SeidelRun const run = analyse(sys, cfg, h);
+  ASSERT_EQ(run.totals.count, 2);
+  for (int k = 0; k < 5; ++k) {
+    double scale = 0.0;
+    for (SeidelSurfaceCoeffs const& r : run.records) scale += std::fabs(kind_of(r, k));
+    EXPECT_NEAR(sum(k), kind_of(run.totals, k), 1e-10 * scale) << "kind " << k;
+  }
 }
