@@ -158,4 +158,10 @@ double nuvrix_compute_stop_radius(const SurfaceData* surfaces, int32_t n, const 
 
 // FFT, PSF and FFT MTF.
 
+// Geometric MTF, encircled energy, line and edge spread.
+
+// Zernike decomposition.
+
+// Field analyses.
+
 }  // extern "C"
