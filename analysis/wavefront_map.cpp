@@ -18,9 +18,9 @@ struct MapPass {
   double const* indices;  // row of the analysed wavelength
   SystemConfig const* config;
   LaunchSet launch;
-  double wavelength;       // micrometres
-  double wavelength_nm;    // handed to the trace, so that it fills phase_waves
-  double n_img;            // index of image space at this wavelength
+  double wavelength;     // micrometres
+  double wavelength_nm;  // handed to the trace, so that it fills phase_waves
+  double n_img;          // index of image space at this wavelength
   double reference_radius;
   OpdReference ref;
   double chief_path;  // O + s + o of this wavelength's chief ray
@@ -36,20 +36,18 @@ struct MapSums {
   double min_w, max_w;
 };
 
-RayTraceResult trace_map_ray(SurfaceData const* surfaces, int surface_count,
-                             double const* indices, SystemConfig const* config,
-                             LaunchSet const& s, double px, double py, double wavelength_nm,
-                             RayState* history) {
-  return trace_full(surfaces, surface_count, indices, config, s.field_value, s.pupil_radius, px,
-                    py, wavelength_nm, s.entrance_pupil_position, s.aim_flag, s.stop_radius,
-                    history);
+RayTraceResult trace_map_ray(SurfaceData const* surfaces, int surface_count, double const* indices,
+                             SystemConfig const* config, LaunchSet const& s, double px, double py,
+                             double wavelength_nm, RayState* history) {
+  return trace_full(surfaces, surface_count, indices, config, s.field_value, s.pupil_radius, px, py,
+                    wavelength_nm, s.entrance_pupil_position, s.aim_flag, s.stop_radius, history);
 }
 
 // OPD of the sample (px, py) in w; false when its ray failed.
 bool map_sample(MapPass const& pass, double px, double py, RayState* history, double& w) {
-  RayTraceResult const ray = trace_map_ray(pass.surfaces, pass.surface_count, pass.indices,
-                                           pass.config, pass.launch, px, py, pass.wavelength_nm,
-                                           history);
+  RayTraceResult const ray =
+      trace_map_ray(pass.surfaces, pass.surface_count, pass.indices, pass.config, pass.launch, px,
+                    py, pass.wavelength_nm, history);
   if (!ray.valid) return false;
   OpdVec3 const r = opd_surface1_hit(ray, history, OpdVec3{0.0, 0.0, 0.0});
   OpdTerms const t =
@@ -130,33 +128,35 @@ void write_result(MapSums const& sums, int grid_size, int field_index, Wavefront
 int compute_wavefront_map(SurfaceData const* surfaces, int surface_count,
                           double const* wave_indices, double const* primary_indices,
                           double wavelength, SystemConfig const* config, FieldData const* fields,
-                          int field_count, int field_index, int grid_size,
-                          double reference_radius, double* map, int* mask,
-                          WavefrontResult* result) {
+                          int field_count, int field_index, int grid_size, double reference_radius,
+                          double* map, int* mask, WavefrontResult* result) {
   if (field_index < 0 || field_index >= field_count) return -1;
-  LaunchSet const launch = compute_launch_set(surfaces, surface_count, primary_indices, *config,
-                                              fields, field_index);
+  LaunchSet const launch =
+      compute_launch_set(surfaces, surface_count, primary_indices, *config, fields, field_index);
   double const wavelength_nm = 1000.0 * wavelength;
   RayState history[kMaxSurfaces];
 
-  // The primary chief ray fixes the reference point and the incoming wavefront.
+  // The primary chief ray fixes the reference point and the incoming
+  // wavefront.  The map knows only the analysed wavelength, so that is the
+  // wavelength this ray is traced at, with the primary indices.
   RayTraceResult const primary = trace_map_ray(surfaces, surface_count, primary_indices, config,
                                                launch, 0.0, 0.0, wavelength_nm, history);
   if (!primary.valid) return -2;
   OpdReference const ref = opd_reference(surfaces, primary, history);
 
   // The chief ray of the analysed wavelength sets the phase zero.
-  RayTraceResult const chief = trace_map_ray(surfaces, surface_count, wave_indices, config,
-                                             launch, 0.0, 0.0, wavelength_nm, history);
+  RayTraceResult const chief = trace_map_ray(surfaces, surface_count, wave_indices, config, launch,
+                                             0.0, 0.0, wavelength_nm, history);
   if (!chief.valid) return -3;
   double const n_img = wave_indices[surface_count - 1];
-  OpdTerms const chief_terms = opd_sphere_terms(ref, chief, opd_surface1_hit(chief, history, ref.r_ref),
-                                                n_img, reference_radius, wavelength);
+  OpdTerms const chief_terms = opd_sphere_terms(
+      ref, chief, opd_surface1_hit(chief, history, ref.r_ref), n_img, reference_radius, wavelength);
 
-  MapPass const pass = {surfaces, surface_count, wave_indices, config, launch, wavelength,
-                        wavelength_nm, n_img, reference_radius, ref,
-                        opd_chief_path(chief.phase_waves, chief_terms), grid_size,
-                        static_cast<double>(grid_size - 1) / 2.0};
+  double const chief_path = opd_chief_path(chief.phase_waves, chief_terms);
+  double const h = static_cast<double>(grid_size - 1) / 2.0;
+  MapPass const pass = {
+      surfaces, surface_count,    wave_indices, config,     launch,    wavelength, wavelength_nm,
+      n_img,    reference_radius, ref,          chief_path, grid_size, h};
   MapSums sums = {0, 0.0, 0.0, kMapExtremeStart, -kMapExtremeStart};
   fill_map(pass, map, mask, sums);
   write_result(sums, grid_size, field_index, result);

@@ -436,6 +436,24 @@ double nuvrix_compute_stop_radius(const SurfaceData* surfaces, int32_t n, const 
 
 /* OPD fan and wavefront map: exports ------------------------------------- */
 
+/* OPD in waves (wavelengths in micrometres) of the field field_index over a
+ * tangential (px 0, py p) and a sagittal (px p, py 0) fan of point_count + 1
+ * samples p = 2 i / point_count - 1, at each of wavelength_count index rows
+ * of indices, against a reference sphere of radius |reference_radius| about
+ * the primary chief ray's image point (a plane and tilt removal when
+ * config->afocal_image is set).  Each array holds (point_count + 1) *
+ * wavelength_count records.  A wavelength whose chief ray fails is skipped:
+ * its records stay untouched and are not counted.  Returns 0, -1 (field_index
+ * out of range) or -2 (primary chief ray failed); header is untouched on a
+ * non-zero status. */
+int32_t nuvrix_compute_opd_fan(const SurfaceData* surfaces, int32_t surface_count,
+                               const double* indices, const double* wavelengths,
+                               int32_t wavelength_count, const SystemConfig* config,
+                               const FieldData* fields, int32_t field_count,
+                               int32_t field_index, int32_t point_count,
+                               double reference_radius, OpdFanPoint* tangential,
+                               OpdFanPoint* sagittal, OpdFanResultHeader* header);
+
 /* Wavefront map of the field field_index at wavelength (micrometres, index
  * row wave_indices) against a reference sphere of radius |reference_radius|
  * about the image point of the chief ray traced with primary_indices.  map
