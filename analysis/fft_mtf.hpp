@@ -12,7 +12,8 @@ namespace nuvrix {
 // the cutoff; tangential runs along the rows (pupil y), sagittal along the
 // columns (pupil x).  Frequencies 0, frequency_step, ... up to the larger
 // cutoff, at most `capacity` points.  real and imag: (2 grid_size)^2
-// doubles of scratch.  Sets point_count and max_frequency; returns 0.
+// doubles of scratch; grid_size a power of two, as the radix-2 transform
+// needs.  Sets point_count and max_frequency; returns 0.
 int compute_fft_mtf_from_wavefront(double const* map, int const* mask, int grid_size,
                                    double tangential_cutoff, double sagittal_cutoff,
                                    double frequency_step, double* real, double* imag,

@@ -12,7 +12,8 @@ namespace nuvrix {
 // middle of a zero-padded array of side P = 2 N; real and imag (scratch)
 // and psf (output) hold P^2 doubles each.  psf is the squared modulus of
 // the transform, quadrant-shifted so that the unaberrated peak stands at
-// (P/2, P/2) and normalised to a maximum of 1.  Returns 0.
+// (P/2, P/2) and normalised to a maximum of 1.  The transform is radix 2:
+// only a power of two for grid_size gives a true PSF.  Returns 0.
 int compute_fft_psf(double const* map, int const* mask, int grid_size, double wavelength,
                     double f_number, double* real, double* imag, double* psf, FftPsfResult* result);
 

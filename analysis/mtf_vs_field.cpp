@@ -14,9 +14,21 @@ constexpr int kScanPoints = 200;       // local MTF curve of the scan
 constexpr double kScanStep = 1.0;      // its frequency step, cycles/mm
 constexpr double kSmallSlope = 1e-10;  // below it the marginal ray has no usable angle
 
+// The paraxial focal length of the scan, n_0 / (u' n_k) of a unit-height
+// ray parallel to the axis, n_k the index in front of the image surface:
+// 1e15 when the ray leaves parallel, 0 for fewer than two surfaces.  It is
+// taken without the minus sign of the effective focal length, so it is
+// positive for a single concave mirror and negative for a converging lens.
+double scan_focal_length(SurfaceData const* surfaces, int n, double const* indices) {
+  if (n < 2) return 0.0;
+  double const u = trace_paraxial_end(surfaces, n, indices, 1.0, 0.0, -1).last.u;
+  if (!(fabs(u) > kTiny)) return kNoPowerFocal;
+  return indices[0] / (u * indices[n - 2]);
+}
+
 // Working F-number 1 / (2 sin U') of the real on-axis marginal ray (pupil
 // edge in y, no aiming); when that ray fails or leaves parallel, the
-// paraxial EFL over aperture_value, whatever the aperture type.
+// paraxial focal length over aperture_value, whatever the aperture type.
 double working_f_number(SurfaceData const* surfaces, int surface_count,
                         double const* primary_indices, SystemConfig const* config) {
   FieldData const axis = {0.0, 1.0, 0.0};
@@ -29,7 +41,7 @@ double working_f_number(SurfaceData const* surfaces, int surface_count,
     double const s = sqrt(ray.l * ray.l + ray.m * ray.m);
     if (s > kSmallSlope) return 1.0 / (2.0 * s);
   }
-  return calculate_efl_abcd(surfaces, surface_count, primary_indices) / config->aperture_value;
+  return scan_focal_length(surfaces, surface_count, primary_indices) / config->aperture_value;
 }
 
 // Index of the curve point nearest to `frequency` (the first on ties), -1

@@ -496,7 +496,8 @@ int32_t nuvrix_compute_wavefront_map(const SurfaceData* surfaces, int32_t surfac
 
 /* Diffraction PSF of field field_index at wavelength (micrometres) from the
  * wavefront map that nuvrix_compute_wavefront_map makes with these
- * arguments (map and mask: grid_size^2 entries).  real, imag and psf hold
+ * arguments (map and mask: grid_size^2 entries; grid_size a power of two,
+ * as the radix-2 transform needs).  real, imag and psf hold
  * (2 grid_size)^2 doubles each; psf receives the normalised PSF.  Piston and
  * tilt are removed before the transform.  Returns 0 or the map's non-zero
  * status (then nothing is transformed and result is untouched). */

@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "analysis/fft_mtf.hpp"
+#include "api/nuvrix.h"
+#include "tests/opd_systems.hpp"
 #include "tests/pupil_maps.hpp"
 
 using nuvrix_test::PupilMap;
@@ -176,9 +178,6 @@ TEST(FftMtfPolychromatic, LongerWavelengthReachesItsCutoffSooner) {
     EXPECT_NEAR(c.points[s].tangential, 0.75 * wide + 0.25 * narrow, 1e-12) << s;
     EXPECT_NEAR(c.points[s].sagittal, 0.75 * wide + 0.25 * narrow, 1e-12) << s;
   }
-  // The order of the list does not matter.
-  Curve const swapped = poly({m, m}, {1.0, 0.5}, {1.0, 3.0}, n, 4.0, 1.0, 100);
-  for (int s = 0; s <= n; ++s) EXPECT_NEAR(swapped.points[s].sagittal, c.points[s].sagittal, 1e-12);
 }
 
 TEST(FftMtfPolychromatic, OneSharedTiltKeepsLateralColourInTheSum) {
@@ -209,9 +208,143 @@ TEST(FftMtfPolychromatic, RefusesNoWavelengthOrNoWeight) {
   EXPECT_EQ(c.result.point_count, -7);  // untouched
   c = poly({m, m}, {0.5, 0.6}, {1.0, -1.0 + 1e-16}, 10.0, 4.0, 1.0, 11);
   EXPECT_EQ(c.status, -1);
+  FftMtfResult r;
+  EXPECT_EQ(nuvrix_compute_fft_mtf_polychromatic(nullptr, 0, nullptr, nullptr, nullptr, 0, nullptr,
+                                                 nullptr, nullptr, 0, 0, 8, 1.0, 10.0, 10.0, 4.0,
+                                                 1.0, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                                 nullptr, nullptr, 4, &r),
+            -1);  // no wavelength: refused before any map
+}
+
+namespace {
+
+// A paraboloid of focal length 100 mm, pupil radius 10 mm at the mirror,
+// with a plane halfway to the focus that clips the reflected beam beyond
+// 12 mm.  The on-axis marginal ray runs from the mirror rim (10, -0.25) to
+// the focus, 100.25 mm away: working F-number 100.25 / 20.
+struct MirrorSetup {
+  nuvrix_test::System sys = opd_test::paraboloid(100.0, 0.0);
+  SystemConfig cfg = opd_test::pupil_at_first_surface(10.0);
+  FieldData axis = {0.0, 1.0, 0.0};
+  double working_f_number = 100.25 / 20.0;
+  MirrorSetup() {
+    SurfaceData stop = nuvrix_test::plain_surface(0.0, -50.0);
+    stop.aperture_radius = 12.0;
+    sys.surfaces[1].thickness = -50.0;
+    sys.surfaces.insert(sys.surfaces.begin() + 2, stop);
+    sys.indices.push_back(1.0);
+  }
+};
+
+}  // namespace
+
+TEST(FftMtfSystem, ParaboloidOnAxisIsDiffractionLimited) {
+  MirrorSetup const s;
+  int const n = 64;
+  double const lambda = 0.55, cutoff = 1.0 / (s.working_f_number * lambda * 1e-3);
+  std::vector<double> map(n * n), real(4 * n * n), imag(4 * n * n), maps(2 * n * n);
+  std::vector<int> mask(n * n), masks(2 * n * n);
+  std::vector<double> ar(4 * n * n), ai(4 * n * n);
+  FftMtfPoint pts[41];
   FftMtfResult r = {-7, -7, -7, -7.0};
-  EXPECT_EQ(nuvrix::compute_fft_mtf_polychromatic_from_wavefronts(
-                m.w.data(), m.mask.data(), 8, nullptr, 0, nullptr, 10.0, 10.0, 4.0, 1.0, nullptr,
-                nullptr, nullptr, nullptr, nullptr, 4, &r),
+  SurfaceData const* surf = s.sys.surfaces.data();
+  // One wavelength: the curve of the circular pupil, within the sampling
+  // tolerance 1.5 / (N - 1) of the grid (see the circular-pupil test).
+  ASSERT_EQ(nuvrix_compute_fft_mtf(surf, s.sys.count(), s.sys.row(), s.sys.row(), lambda, &s.cfg,
+                                   &s.axis, 1, 0, n, 100.0, cutoff, cutoff, cutoff / 40.0,
+                                   map.data(), mask.data(), real.data(), imag.data(), pts, 41, &r),
+            0);
+  EXPECT_TRUE(r.field_index == 0 && r.wavelength_index == -1 && r.point_count == 41);
+  for (int k = 0; k <= 40; ++k) {
+    double const d = nuvrix_test::diffraction_limited_mtf(k / 40.0);
+    EXPECT_NEAR(pts[k].tangential, d, 1.5 / (n - 1)) << k;
+    EXPECT_NEAR(pts[k].sagittal, d, 1.5 / (n - 1)) << k;
+  }
+  // 0.5 and 0.6 um, equal weights, the cutoff given for 0.5 um: the mean
+  // of the two curves, the longer wavelength's at 1.2 times the frequency.
+  double const wavelengths[2] = {0.6, 0.5}, weights[2] = {1.0, 1.0};
+  std::vector<double> const rows = {s.sys.indices.begin(), s.sys.indices.end()};
+  std::vector<double> table = rows;
+  table.insert(table.end(), rows.begin(), rows.end());
+  double const c_short = 1.0 / (s.working_f_number * 0.5e-3);
+  ASSERT_EQ(
+      nuvrix_compute_fft_mtf_polychromatic(
+          surf, s.sys.count(), table.data(), s.sys.row(), wavelengths, 2, weights, &s.cfg, &s.axis,
+          1, 0, n, 100.0, c_short, c_short, s.working_f_number, c_short / 40.0, maps.data(),
+          masks.data(), real.data(), imag.data(), ar.data(), ai.data(), pts, 41, &r),
+      0);
+  EXPECT_TRUE(r.field_index == 0 && r.wavelength_index == -1 && r.point_count == 41);
+  for (int k = 0; k <= 40; ++k) {
+    double const x = k / 40.0;
+    double const d = 0.5 * nuvrix_test::diffraction_limited_mtf(x) +
+                     0.5 * nuvrix_test::diffraction_limited_mtf(1.2 * x);
+    EXPECT_NEAR(pts[k].sagittal, d, 1.5 / (n - 1)) << k;
+  }
+  // A field index out of range is the map's status, nothing written.
+  r = {-7, -7, -7, -7.0};
+  EXPECT_EQ(nuvrix_compute_fft_mtf(surf, s.sys.count(), s.sys.row(), s.sys.row(), lambda, &s.cfg,
+                                   &s.axis, 1, 1, n, 100.0, cutoff, cutoff, 1.0, map.data(),
+                                   mask.data(), real.data(), imag.data(), pts, 41, &r),
             -1);
+  EXPECT_EQ(r.point_count, -7);
+}
+
+TEST(FftMtfSystem, FieldScanUsesTheWorkingFNumberAndNearestFrequencies) {
+  MirrorSetup const s;
+  int const n = 64;
+  double const lambda = 0.55, cutoff = 1.0 / (s.working_f_number * lambda * 1e-3);  // 362.7
+  // Fields 0, 20 (chief ray clipped by the plane: the field reads 0) and
+  // 10 degrees; 250 cycles/mm lies beyond the 200-point curve of the scan
+  // and takes its last point, 199.
+  double const fractions[3] = {0.0, 1.0, 0.5}, freqs[4] = {0.0, 50.4, 120.0, 250.0};
+  double const nearest[4] = {0.0, 50.0, 120.0, 199.0};
+  std::vector<double> map(n * n), real(4 * n * n), imag(4 * n * n);
+  std::vector<int> mask(n * n);
+  MtfVsFieldPoint pts[12];
+  MtfVsFieldResult r = {-7, -7};
+  ASSERT_EQ(nuvrix_compute_fft_mtf_vs_field(s.sys.surfaces.data(), s.sys.count(), s.sys.row(),
+                                            s.sys.row(), lambda, &s.cfg, nullptr, 0, n, 100.0,
+                                            freqs, 4, fractions, 3, 20.0, map.data(), mask.data(),
+                                            real.data(), imag.data(), pts, &r),
+            0);
+  EXPECT_TRUE(r.field_count == 3 && r.frequency_count == 4);
+  for (int q = 0; q < 4; ++q) {
+    MtfVsFieldPoint const& on_axis = pts[q * 3 + 0];
+    double const d = nuvrix_test::diffraction_limited_mtf(nearest[q] / cutoff);
+    EXPECT_NEAR(on_axis.tangential, d, 1.5 / (n - 1)) << q;
+    EXPECT_NEAR(on_axis.sagittal, d, 1.5 / (n - 1)) << q;
+    MtfVsFieldPoint const& clipped = pts[q * 3 + 1];
+    EXPECT_TRUE(clipped.field == 1.0 && clipped.tangential == 0.0 && clipped.sagittal == 0.0);
+    EXPECT_EQ(pts[q * 3 + 2].field, 0.5);
+  }
+  EXPECT_EQ(pts[2].tangential, 1.0);                            // 10 degrees, frequency 0
+  EXPECT_LT(pts[3 * 3 + 2].tangential, pts[3 * 3].tangential);  // aberrated and vignetted
+}
+
+TEST(FftMtfSystem, ScanCutoffComesFromTheMarginalRayElseFromTheParaxialFNumber) {
+  // An F/1 paraboloid (f 100, pupil radius 50) at 5 um.  The rim ray meets
+  // the focus 100 + 50^2 / 400 = 106.25 mm away: working F-number 1.0625,
+  // cutoff 188.2 cycles/mm, where EFL / EPD would give 200.
+  nuvrix_test::System sys = opd_test::paraboloid(100.0, 0.0);
+  SystemConfig const cfg = opd_test::pupil_at_first_surface(50.0);
+  int const n = 64;
+  double const lambda = 5.0, freq = 150.0, fraction = 0.0;
+  std::vector<double> map(n * n), real(4 * n * n), imag(4 * n * n);
+  std::vector<int> mask(n * n);
+  auto const scan = [&]() {
+    MtfVsFieldPoint p = {-1.0, -1.0, -1.0};
+    MtfVsFieldResult r;
+    nuvrix_compute_fft_mtf_vs_field(sys.surfaces.data(), sys.count(), sys.row(), sys.row(), lambda,
+                                    &cfg, nullptr, 0, n, 100.0, &freq, 1, &fraction, 1, 1.0,
+                                    map.data(), mask.data(), real.data(), imag.data(), &p, &r);
+    return p.sagittal;
+  };
+  double const tol = 1.5 / (n - 1);
+  EXPECT_NEAR(scan(), nuvrix_test::diffraction_limited_mtf(freq / (1.0 / (1.0625 * 5e-3))), tol);
+  // A hard stop of 49 mm on the mirror clips the rim ray (and the map beyond
+  // rho = 49 sqrt(1.01) / 50, the 1 % margin): the paraxial F-number 1 sets
+  // the cutoff of 200, and the smaller disc reaches its own at 0.985 of it.
+  sys.surfaces[1].aperture_radius = 49.0;
+  double const rho = 49.0 * std::sqrt(1.01) / 50.0;
+  EXPECT_NEAR(scan(), nuvrix_test::diffraction_limited_mtf(freq / (rho * 200.0)), tol);
 }

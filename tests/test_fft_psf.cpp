@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "analysis/fft_psf.hpp"
+#include "api/nuvrix.h"
+#include "tests/opd_systems.hpp"
 #include "tests/pupil_maps.hpp"
 
 using nuvrix_test::PupilMap;
@@ -131,4 +133,27 @@ TEST(FftPsf, RecordsKeepTheirFieldOrderAndWidths) {
   EXPECT_EQ(offsetof(FftMtfResult, max_frequency), 16u);
   EXPECT_EQ(sizeof(MtfVsFieldPoint), 24u);
   EXPECT_EQ(offsetof(MtfVsFieldResult, frequency_count), 4u);
+}
+
+TEST(FftPsf, ParaboloidOnAxisIsPerfectThroughTheExport) {
+  nuvrix_test::System const sys = opd_test::paraboloid(100.0, 0.0);
+  SystemConfig const cfg = opd_test::pupil_at_first_surface(10.0);
+  FieldData const axis = {0.0, 1.0, 0.0};
+  int const n = 32, side = 64;
+  std::vector<double> map(n * n), real(side * side), imag(side * side), psf(side * side);
+  std::vector<int> mask(n * n);
+  FftPsfResult r = {-7, -7.0, -7.0, -7.0, -7, -7};
+  auto const run = [&](int field_index) {
+    return nuvrix_compute_fft_psf(sys.surfaces.data(), sys.count(), sys.row(), sys.row(), 0.55,
+                                  &cfg, &axis, 1, field_index, n, 100.0, 5.0, map.data(),
+                                  mask.data(), real.data(), imag.data(), psf.data(), &r);
+  };
+  EXPECT_EQ(run(1), -1);  // the map's status, nothing transformed
+  EXPECT_EQ(r.grid_size, -7);
+  ASSERT_EQ(run(0), 0);
+  EXPECT_NEAR(r.strehl, 1.0, 1e-9);  // the map is flat to 1e-9 waves
+  EXPECT_EQ(r.grid_size, side);
+  EXPECT_NEAR(r.pixel_pitch, 0.5 * 0.55e-3 * 5.0, 1e-18);
+  EXPECT_TRUE(r.field_index == 0 && r.reserved == 0);
+  EXPECT_EQ(psf[(side / 2) * side + side / 2], 1.0);
 }
