@@ -2,6 +2,8 @@
 // its family, filling only the arguments that the exported form fixes.
 #include "api/nuvrix.h"
 #include "analysis/opd_fan.hpp"
+#include "analysis/fft_mtf.hpp"
+#include "analysis/fft_psf.hpp"
 #include "analysis/wavefront_map.hpp"
 #include "first_order/paraxial.hpp"
 #include "first_order/paraxial_solve.hpp"
@@ -184,6 +186,62 @@ int32_t nuvrix_compute_wavefront_map(const SurfaceData* surfaces, int32_t surfac
 
 // FFT, PSF and FFT MTF.
 
+int32_t nuvrix_compute_fft_psf(const SurfaceData* surfaces, int32_t surface_count,
+                               const double* indices, const double* primary_indices,
+                               double wavelength, const SystemConfig* config,
+                               const FieldData* fields, int32_t field_count,
+                               int32_t field_index, int32_t grid_size, double reference_radius,
+                               double f_number, double* map, int32_t* mask, double* real,
+                               double* imag, double* psf, FftPsfResult* result) {
+  return nuvrix::compute_fft_psf_full(surfaces, surface_count, indices, primary_indices,
+                                      wavelength, config, fields, field_count, field_index,
+                                      grid_size, reference_radius, f_number, map, mask, real,
+                                      imag, psf, result);
+}
+
+int32_t nuvrix_compute_fft_mtf(const SurfaceData* surfaces, int32_t surface_count,
+                               const double* indices, const double* primary_indices,
+                               double wavelength, const SystemConfig* config,
+                               const FieldData* fields, int32_t field_count,
+                               int32_t field_index, int32_t grid_size, double reference_radius,
+                               double tangential_cutoff, double sagittal_cutoff,
+                               double frequency_step, double* map, int32_t* mask, double* real,
+                               double* imag, FftMtfPoint* points, int32_t capacity,
+                               FftMtfResult* result) {
+  return nuvrix::compute_fft_mtf(surfaces, surface_count, indices, primary_indices, wavelength,
+                                 config, fields, field_count, field_index, grid_size,
+                                 reference_radius, tangential_cutoff, sagittal_cutoff,
+                                 frequency_step, map, mask, real, imag, points, capacity, result);
+}
+
+int32_t nuvrix_compute_fft_mtf_polychromatic(
+    const SurfaceData* surfaces, int32_t surface_count, const double* indices,
+    const double* primary_indices, const double* wavelengths, int32_t wavelength_count,
+    const double* weights, const SystemConfig* config, const FieldData* fields,
+    int32_t field_count, int32_t field_index, int32_t grid_size, double reference_radius,
+    double tangential_cutoff, double sagittal_cutoff, double f_number, double frequency_step,
+    double* maps, int32_t* masks, double* real, double* imag, double* accum_real,
+    double* accum_imag, FftMtfPoint* points, int32_t capacity, FftMtfResult* result) {
+  return nuvrix::compute_fft_mtf_polychromatic(
+      surfaces, surface_count, indices, primary_indices, wavelengths, wavelength_count, weights,
+      config, fields, field_count, field_index, grid_size, reference_radius, tangential_cutoff,
+      sagittal_cutoff, f_number, frequency_step, maps, masks, real, imag, accum_real, accum_imag,
+      points, capacity, result);
+}
+
+int32_t nuvrix_compute_fft_mtf_vs_field(
+    const SurfaceData* surfaces, int32_t surface_count, const double* indices,
+    const double* primary_indices, double wavelength, const SystemConfig* config,
+    const FieldData* fields, int32_t unused_count, int32_t grid_size, double reference_radius,
+    const double* frequencies, int32_t frequency_count, const double* field_fractions,
+    int32_t field_count, double field_scale, double* map, int32_t* mask, double* real,
+    double* imag, MtfVsFieldPoint* points, MtfVsFieldResult* result) {
+  return nuvrix::compute_fft_mtf_vs_field(surfaces, surface_count, indices, primary_indices,
+                                          wavelength, config, fields, unused_count, grid_size,
+                                          reference_radius, frequencies, frequency_count,
+                                          field_fractions, field_count, field_scale, map, mask,
+                                          real, imag, points, result);
+}
 // Geometric MTF, encircled energy, line and edge spread.
 
 // Zernike decomposition.

@@ -210,6 +210,45 @@ typedef struct WavefrontResult {
 /* FFT, PSF and FFT MTF                                                     */
 /* ------------------------------------------------------------------------ */
 
+/* Diffraction PSF of one field point at one wavelength.  The PSF itself is
+ * a caller-owned array of grid_size^2 doubles, normalised to a maximum of 1,
+ * with the unaberrated peak at (grid_size / 2, grid_size / 2). */
+typedef struct FftPsfResult {
+  int32_t grid_size;  /* side of the PSF array: twice the map's grid_size */
+  double peak;        /* largest squared modulus before normalisation */
+  double strehl;      /* peak / (valid samples)^2; 0 with no valid sample */
+  double pixel_pitch; /* PSF sample spacing on the image, mm */
+  int32_t field_index;
+  int32_t reserved;   /* 0 */
+} FftPsfResult;
+
+/* One frequency of a diffraction MTF curve. */
+typedef struct FftMtfPoint {
+  double frequency;  /* cycles/mm */
+  double tangential; /* 0 .. 1 */
+  double sagittal;   /* 0 .. 1 */
+} FftMtfPoint;
+
+typedef struct FftMtfResult {
+  int32_t field_index;
+  int32_t wavelength_index; /* always -1 */
+  int32_t point_count;      /* points written */
+  double max_frequency;     /* the larger cutoff, cycles/mm */
+} FftMtfResult;
+
+/* MTF at one normalised field and one frequency of a scan. */
+typedef struct MtfVsFieldPoint {
+  double field; /* normalised field value asked for */
+  double tangential;
+  double sagittal;
+} MtfVsFieldPoint;
+
+/* Records of a scan stand at q * field_count + f (frequency q, field f). */
+typedef struct MtfVsFieldResult {
+  int32_t field_count;
+  int32_t frequency_count;
+} MtfVsFieldResult;
+
 /* ------------------------------------------------------------------------ */
 /* Geometric MTF, encircled energy, line and edge spread                    */
 /* ------------------------------------------------------------------------ */
@@ -486,6 +525,63 @@ int32_t nuvrix_compute_wavefront_map(const SurfaceData* surfaces, int32_t surfac
 
 /* FFT, PSF and FFT MTF: exports ------------------------------------------ */
 
+/* Diffraction PSF of field field_index at wavelength (micrometres) from the
+ * wavefront map that nuvrix_compute_wavefront_map makes with these
+ * arguments (map and mask: grid_size^2 entries; grid_size a power of two,
+ * as the radix-2 transform needs).  real, imag and psf hold
+ * (2 grid_size)^2 doubles each; psf receives the normalised PSF.  Piston and
+ * tilt are removed before the transform.  Returns 0 or the map's non-zero
+ * status (then nothing is transformed and result is untouched). */
+int32_t nuvrix_compute_fft_psf(const SurfaceData* surfaces, int32_t surface_count,
+                               const double* indices, const double* primary_indices,
+                               double wavelength, const SystemConfig* config,
+                               const FieldData* fields, int32_t field_count,
+                               int32_t field_index, int32_t grid_size, double reference_radius,
+                               double f_number, double* map, int32_t* mask, double* real,
+                               double* imag, double* psf, FftPsfResult* result);
+
+/* Diffraction MTF of one field at one wavelength, tangential (pupil y) and
+ * sagittal (pupil x), at frequencies 0, frequency_step, ... up to the larger
+ * cutoff (cycles/mm, supplied by the caller), at most capacity points.
+ * Scratch as for the PSF.  Returns 0 or the map's non-zero status. */
+int32_t nuvrix_compute_fft_mtf(const SurfaceData* surfaces, int32_t surface_count,
+                               const double* indices, const double* primary_indices,
+                               double wavelength, const SystemConfig* config,
+                               const FieldData* fields, int32_t field_count,
+                               int32_t field_index, int32_t grid_size, double reference_radius,
+                               double tangential_cutoff, double sagittal_cutoff,
+                               double frequency_step, double* map, int32_t* mask, double* real,
+                               double* imag, FftMtfPoint* points, int32_t capacity,
+                               FftMtfResult* result);
+
+/* Weighted polychromatic diffraction MTF: the complex OTFs of the
+ * wavelengths (indices: one row per wavelength), rescaled to the shortest
+ * wavelength, summed with normalised weights.  maps and masks hold
+ * wavelength_count maps of grid_size^2 entries; real, imag, accum_real and
+ * accum_imag (2 grid_size)^2 doubles each; f_number must not be 0.  Returns
+ * -1 when wavelength_count < 1 or the weights sum below 1e-15, else the
+ * first non-zero map status, or 0. */
+int32_t nuvrix_compute_fft_mtf_polychromatic(
+    const SurfaceData* surfaces, int32_t surface_count, const double* indices,
+    const double* primary_indices, const double* wavelengths, int32_t wavelength_count,
+    const double* weights, const SystemConfig* config, const FieldData* fields,
+    int32_t field_count, int32_t field_index, int32_t grid_size, double reference_radius,
+    double tangential_cutoff, double sagittal_cutoff, double f_number, double frequency_step,
+    double* maps, int32_t* masks, double* real, double* imag, double* accum_real,
+    double* accum_imag, FftMtfPoint* points, int32_t capacity, FftMtfResult* result);
+
+/* Diffraction MTF over field_count normalised fields (field_y =
+ * field_fractions[f] * field_scale) at frequency_count frequencies, with the
+ * cutoff 1 / (F lambda) of the on-axis working F-number.  fields and
+ * unused_count are not read.  points holds frequency_count * field_count
+ * records; a field whose map fails reads 0.  Returns 0. */
+int32_t nuvrix_compute_fft_mtf_vs_field(
+    const SurfaceData* surfaces, int32_t surface_count, const double* indices,
+    const double* primary_indices, double wavelength, const SystemConfig* config,
+    const FieldData* fields, int32_t unused_count, int32_t grid_size, double reference_radius,
+    const double* frequencies, int32_t frequency_count, const double* field_fractions,
+    int32_t field_count, double field_scale, double* map, int32_t* mask, double* real,
+    double* imag, MtfVsFieldPoint* points, MtfVsFieldResult* result);
 /* Geometric MTF, encircled energy, line and edge spread: exports --------- */
 
 /* Zernike decomposition: exports ----------------------------------------- */
