@@ -1,6 +1,8 @@
 // The exported C frames.  Each is a thin forward to the engine function of
 // its family, filling only the arguments that the exported form fixes.
 #include "api/nuvrix.h"
+#include "analysis/opd_fan.hpp"
+#include "analysis/wavefront_map.hpp"
 #include "first_order/paraxial.hpp"
 #include "first_order/paraxial_solve.hpp"
 #include "first_order/chromatic_focal_shift.hpp"
@@ -155,6 +157,30 @@ double nuvrix_compute_stop_radius(const SurfaceData* surfaces, int32_t n, const 
 // Spot diagrams and ray fans.
 
 // OPD fan and wavefront map.
+
+int32_t nuvrix_compute_opd_fan(const SurfaceData* surfaces, int32_t surface_count,
+                               const double* indices, const double* wavelengths,
+                               int32_t wavelength_count, const SystemConfig* config,
+                               const FieldData* fields, int32_t field_count,
+                               int32_t field_index, int32_t point_count,
+                               double reference_radius, OpdFanPoint* tangential,
+                               OpdFanPoint* sagittal, OpdFanResultHeader* header) {
+  return nuvrix::compute_opd_fan(surfaces, surface_count, indices, wavelengths, wavelength_count,
+                                 config, fields, field_count, field_index, point_count,
+                                 reference_radius, tangential, sagittal, header);
+}
+
+int32_t nuvrix_compute_wavefront_map(const SurfaceData* surfaces, int32_t surface_count,
+                                     const double* wave_indices, const double* primary_indices,
+                                     double wavelength, const SystemConfig* config,
+                                     const FieldData* fields, int32_t field_count,
+                                     int32_t field_index, int32_t grid_size,
+                                     double reference_radius, double* map, int32_t* mask,
+                                     WavefrontResult* result) {
+  return nuvrix::compute_wavefront_map(surfaces, surface_count, wave_indices, primary_indices,
+                                       wavelength, config, fields, field_count, field_index,
+                                       grid_size, reference_radius, map, mask, result);
+}
 
 // FFT, PSF and FFT MTF.
 

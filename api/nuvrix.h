@@ -179,6 +179,23 @@ typedef struct AimToStopResult {
 /* OPD fan and wavefront map                                                */
 /* ------------------------------------------------------------------------ */
 
+/* One sample of an OPD fan.  The record of sample i at wavelength w stands
+ * at index i + (point_count + 1) * w of its array. */
+typedef struct OpdFanPoint {
+  double pupil_coordinate;  /* normalised pupil coordinate, -1 to 1 */
+  double value;             /* OPD in waves; 0 for a failed ray */
+  int32_t wavelength_index; /* index of the wavelength */
+  int32_t valid;            /* 1 when the ray survived, else 0 */
+} OpdFanPoint;
+
+/* Summary of an OPD fan. */
+typedef struct OpdFanResultHeader {
+  int32_t field_index;
+  double max_abs_value;     /* largest |OPD| over both fans, waves; 0 if none */
+  int32_t tangential_count; /* tangential samples visited */
+  int32_t sagittal_count;   /* sagittal samples visited */
+} OpdFanResultHeader;
+
 /* Summary of a wavefront map (the map itself is two caller-owned arrays of
  * grid_size^2 entries: values in waves and validity marks). */
 typedef struct WavefrontResult {
@@ -431,6 +448,41 @@ double nuvrix_compute_stop_radius(const SurfaceData* surfaces, int32_t n, const 
 /* Spot diagrams and ray fans: exports ------------------------------------ */
 
 /* OPD fan and wavefront map: exports ------------------------------------- */
+
+/* OPD in waves (wavelengths in micrometres) of the field field_index over a
+ * tangential (px 0, py p) and a sagittal (px p, py 0) fan of point_count + 1
+ * samples p = 2 i / point_count - 1, at each of wavelength_count index rows
+ * of indices, against a reference sphere of radius |reference_radius| about
+ * the primary chief ray's image point (a plane and tilt removal when
+ * config->afocal_image is set).  Each array holds (point_count + 1) *
+ * wavelength_count records.  A wavelength whose chief ray fails is skipped:
+ * its records stay untouched and are not counted.  Returns 0, -1 (field_index
+ * out of range) or -2 (primary chief ray failed); header is untouched on a
+ * non-zero status. */
+int32_t nuvrix_compute_opd_fan(const SurfaceData* surfaces, int32_t surface_count,
+                               const double* indices, const double* wavelengths,
+                               int32_t wavelength_count, const SystemConfig* config,
+                               const FieldData* fields, int32_t field_count,
+                               int32_t field_index, int32_t point_count,
+                               double reference_radius, OpdFanPoint* tangential,
+                               OpdFanPoint* sagittal, OpdFanResultHeader* header);
+
+/* Wavefront map of the field field_index at wavelength (micrometres, index
+ * row wave_indices) against a reference sphere of radius |reference_radius|
+ * about the image point of the chief ray traced with primary_indices.  map
+ * (waves) and mask (1 valid, 0 outside the pupil or failed) hold grid_size^2
+ * entries, row-major; column j samples px = (j - N/2) / h and row i samples
+ * py = (i - N/2 + 1) / h, with h = (N - 1) / 2.  Returns 0, -1 (field_index
+ * out of range), -2 (primary chief ray failed) or -3 (chief ray at this
+ * wavelength failed); map, mask and result are untouched on a non-zero
+ * status. */
+int32_t nuvrix_compute_wavefront_map(const SurfaceData* surfaces, int32_t surface_count,
+                                     const double* wave_indices, const double* primary_indices,
+                                     double wavelength, const SystemConfig* config,
+                                     const FieldData* fields, int32_t field_count,
+                                     int32_t field_index, int32_t grid_size,
+                                     double reference_radius, double* map, int32_t* mask,
+                                     WavefrontResult* result);
 
 /* FFT, PSF and FFT MTF: exports ------------------------------------------ */
 
