@@ -5,6 +5,7 @@
 #include "analysis/fft_mtf.hpp"
 #include "analysis/fft_psf.hpp"
 #include "analysis/wavefront_map.hpp"
+#include "analysis/zernike.hpp"
 #include "first_order/paraxial.hpp"
 #include "first_order/paraxial_solve.hpp"
 #include "first_order/chromatic_focal_shift.hpp"
@@ -245,6 +246,19 @@ int32_t nuvrix_compute_fft_mtf_vs_field(
 // Geometric MTF, encircled energy, line and edge spread.
 
 // Zernike decomposition.
+
+int32_t nuvrix_compute_zernike_standard(const SurfaceData* surfaces, int32_t surface_count,
+                                        const double* indices, const double* primary_indices,
+                                        double wavelength, const SystemConfig* config,
+                                        const FieldData* fields, int32_t field_count,
+                                        int32_t field_index, int32_t grid_size,
+                                        double reference_radius, int32_t term_count,
+                                        double* map, int32_t* mask, ZernikeResult* result) {
+  return nuvrix::compute_zernike_standard_full(surfaces, surface_count, indices, primary_indices,
+                                               wavelength, config, fields, field_count,
+                                               field_index, grid_size, reference_radius,
+                                               term_count, map, mask, result);
+}
 
 // Field analyses.
 

@@ -257,6 +257,17 @@ typedef struct MtfVsFieldResult {
 /* Zernike decomposition                                                    */
 /* ------------------------------------------------------------------------ */
 
+/* Least-squares fit of up to 37 Zernike terms (Noll's order, each of mean
+ * square 1 over the unit disc) to a wavefront map. */
+typedef struct ZernikeResult {
+  int32_t term_count;      /* terms fitted: the request, at most 37 */
+  double coefficients[37]; /* term j at j - 1, waves; 0 beyond term_count */
+  double wavefront_rms;    /* standard deviation of the fitted samples, waves */
+  double wavefront_pv;     /* largest minus smallest fitted sample, waves */
+  double residual_rms;     /* root mean square of the fit's residual, waves */
+  int32_t field_index;     /* the field asked for */
+} ZernikeResult;
+
 /* ------------------------------------------------------------------------ */
 /* Field analyses                                                           */
 /* ------------------------------------------------------------------------ */
@@ -585,6 +596,22 @@ int32_t nuvrix_compute_fft_mtf_vs_field(
 /* Geometric MTF, encircled energy, line and edge spread: exports --------- */
 
 /* Zernike decomposition: exports ----------------------------------------- */
+
+/* Computes the wavefront map of field field_index at `wavelength`
+ * (micrometres, index row `indices`; reference from the chief ray at
+ * primary_indices) into the caller's map and mask (grid_size^2 entries
+ * each) and fits min(term_count, 37) Zernike terms to the samples on the
+ * disc inscribed in the grid.  Returns the map's status (-1 bad field, -2 or
+ * -3 failed chief ray) with result untouched; otherwise 0, or -1 when fewer
+ * samples than terms were valid (coefficients 0, map statistics filled).
+ * Singular normal equations give 0 with every coefficient 0. */
+int32_t nuvrix_compute_zernike_standard(const SurfaceData* surfaces, int32_t surface_count,
+                                        const double* indices, const double* primary_indices,
+                                        double wavelength, const SystemConfig* config,
+                                        const FieldData* fields, int32_t field_count,
+                                        int32_t field_index, int32_t grid_size,
+                                        double reference_radius, int32_t term_count,
+                                        double* map, int32_t* mask, ZernikeResult* result);
 
 /* Field analyses: exports ------------------------------------------------ */
 
