@@ -1,6 +1,7 @@
 // The exported C frames.  Each is a thin forward to the engine function of
 // its family, filling only the arguments that the exported form fixes.
 #include "api/nuvrix.h"
+#include "analysis/field_analyses.hpp"
 #include "first_order/paraxial.hpp"
 #include "first_order/paraxial_solve.hpp"
 #include "first_order/chromatic_focal_shift.hpp"
@@ -163,5 +164,39 @@ double nuvrix_compute_stop_radius(const SurfaceData* surfaces, int32_t n, const 
 // Zernike decomposition.
 
 // Field analyses.
+
+int32_t nuvrix_compute_lateral_color(const SurfaceData* surfaces, int32_t surface_count,
+                                     const double* indices, int32_t wavelength_count,
+                                     const SystemConfig* config, const FieldData* fields,
+                                     int32_t field_count, int32_t sample_count, double max_field,
+                                     LateralColorPoint* points, int32_t capacity,
+                                     LateralColorResult* result) {
+  return nuvrix::compute_lateral_color(surfaces, surface_count, indices, wavelength_count, config,
+                                       fields, field_count, sample_count, max_field, points,
+                                       capacity, result);
+}
+
+int32_t nuvrix_compute_field_curvature_distortion(const SurfaceData* surfaces,
+                                                  int32_t surface_count, const double* indices,
+                                                  const SystemConfig* config,
+                                                  const FieldData* fields, int32_t field_count,
+                                                  int32_t point_count, double max_field,
+                                                  FieldCurvatureDistortionPoint* points,
+                                                  FieldCurvatureDistortionResult* result) {
+  return nuvrix::compute_field_curvature_distortion(surfaces, surface_count, indices, config,
+                                                    fields, field_count, point_count, max_field,
+                                                    points, result);
+}
+
+int32_t nuvrix_compute_relative_illumination(const SurfaceData* surfaces, int32_t surface_count,
+                                             const double* indices, const SystemConfig* config,
+                                             int32_t point_count, double max_field,
+                                             int32_t unused_count,
+                                             RelativeIlluminationPoint* points,
+                                             RelativeIlluminationResult* result) {
+  return nuvrix::compute_relative_illumination(surfaces, surface_count, indices, config,
+                                               point_count, max_field, unused_count, points,
+                                               result);
+}
 
 }  // extern "C"
