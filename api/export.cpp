@@ -6,6 +6,7 @@
 #include "analysis/fft_psf.hpp"
 #include "analysis/wavefront_map.hpp"
 #include "analysis/zernike.hpp"
+#include "analysis/field_analyses.hpp"
 #include "first_order/paraxial.hpp"
 #include "first_order/paraxial_solve.hpp"
 #include "first_order/chromatic_focal_shift.hpp"
@@ -261,5 +262,39 @@ int32_t nuvrix_compute_zernike_standard(const SurfaceData* surfaces, int32_t sur
 }
 
 // Field analyses.
+
+int32_t nuvrix_compute_lateral_color(const SurfaceData* surfaces, int32_t surface_count,
+                                     const double* indices, int32_t wavelength_count,
+                                     const SystemConfig* config, const FieldData* fields,
+                                     int32_t field_count, int32_t sample_count, double max_field,
+                                     LateralColorPoint* points, int32_t capacity,
+                                     LateralColorResult* result) {
+  return nuvrix::compute_lateral_color(surfaces, surface_count, indices, wavelength_count, config,
+                                       fields, field_count, sample_count, max_field, points,
+                                       capacity, result);
+}
+
+int32_t nuvrix_compute_field_curvature_distortion(const SurfaceData* surfaces,
+                                                  int32_t surface_count, const double* indices,
+                                                  const SystemConfig* config,
+                                                  const FieldData* fields, int32_t field_count,
+                                                  int32_t point_count, double max_field,
+                                                  FieldCurvatureDistortionPoint* points,
+                                                  FieldCurvatureDistortionResult* result) {
+  return nuvrix::compute_field_curvature_distortion(surfaces, surface_count, indices, config,
+                                                    fields, field_count, point_count, max_field,
+                                                    points, result);
+}
+
+int32_t nuvrix_compute_relative_illumination(const SurfaceData* surfaces, int32_t surface_count,
+                                             const double* indices, const SystemConfig* config,
+                                             int32_t point_count, double max_field,
+                                             int32_t unused_count,
+                                             RelativeIlluminationPoint* points,
+                                             RelativeIlluminationResult* result) {
+  return nuvrix::compute_relative_illumination(surfaces, surface_count, indices, config,
+                                               point_count, max_field, unused_count, points,
+                                               result);
+}
 
 }  // extern "C"

@@ -272,6 +272,42 @@ typedef struct ZernikeResult {
 /* Field analyses                                                           */
 /* ------------------------------------------------------------------------ */
 
+/* Chief-ray height of one wavelength against the primary one at a field. */
+typedef struct LateralColorPoint {
+  double field;             /* field value of the sample */
+  double shift;             /* y of this wavelength minus y of the primary, mm */
+  int32_t wavelength_index; /* row of the index table */
+} LateralColorPoint;
+
+typedef struct LateralColorResult {
+  int32_t point_count;  /* records written */
+  double max_abs_shift; /* largest |shift|, mm */
+} LateralColorResult;
+
+/* Field curvature and distortion at one field. */
+typedef struct FieldCurvatureDistortionPoint {
+  double field;              /* field value of the sample */
+  double tangential_focus;   /* along the chief ray from the image surface, mm */
+  double sagittal_focus;     /* the same for the sagittal focus, mm */
+  double distortion_percent; /* (real - paraxial) / paraxial, percent */
+  double real_height;        /* chief-ray y on the image surface, mm */
+  double paraxial_height;    /* EFL tan(field), mm */
+} FieldCurvatureDistortionPoint;
+
+typedef struct FieldCurvatureDistortionResult {
+  int32_t point_count; /* records written */
+} FieldCurvatureDistortionResult;
+
+/* Illumination at one field relative to the axis. */
+typedef struct RelativeIlluminationPoint {
+  double field;        /* field value of the sample */
+  double illumination; /* 0 to 1 */
+} RelativeIlluminationPoint;
+
+typedef struct RelativeIlluminationResult {
+  int32_t point_count; /* records written */
+} RelativeIlluminationResult;
+
 /* ------------------------------------------------------------------------ */
 /* Merit records                                                            */
 /* ------------------------------------------------------------------------ */
@@ -614,6 +650,40 @@ int32_t nuvrix_compute_zernike_standard(const SurfaceData* surfaces, int32_t sur
                                         double* map, int32_t* mask, ZernikeResult* result);
 
 /* Field analyses: exports ------------------------------------------------ */
+
+/* Lateral colour at fields i * max_field / sample_count, i = 1 ..
+ * sample_count: for every wavelength other than the primary, the chief-ray
+ * height minus the primary one, at most capacity records.  indices holds
+ * wavelength_count rows; fields is not read.  Returns 0, or -1 when
+ * sample_count < 1 or max_field is not positive (result untouched). */
+int32_t nuvrix_compute_lateral_color(const SurfaceData* surfaces, int32_t surface_count,
+                                     const double* indices, int32_t wavelength_count,
+                                     const SystemConfig* config, const FieldData* fields,
+                                     int32_t field_count, int32_t sample_count, double max_field,
+                                     LateralColorPoint* points, int32_t capacity,
+                                     LateralColorResult* result);
+
+/* Field curvature and distortion at point_count + 1 fields from 0 to
+ * max_field, for one index row; points must hold point_count + 1 records.
+ * fields is not read.  Returns 0. */
+int32_t nuvrix_compute_field_curvature_distortion(const SurfaceData* surfaces,
+                                                  int32_t surface_count, const double* indices,
+                                                  const SystemConfig* config,
+                                                  const FieldData* fields, int32_t field_count,
+                                                  int32_t point_count, double max_field,
+                                                  FieldCurvatureDistortionPoint* points,
+                                                  FieldCurvatureDistortionResult* result);
+
+/* Relative illumination (F_0 / F)^2, capped at 1, from the working F-number
+ * of the vignetted pupil at point_count + 1 fields from 0 to max_field, for
+ * one index row; points must hold point_count + 1 records.  unused_count is
+ * not read.  Returns 0. */
+int32_t nuvrix_compute_relative_illumination(const SurfaceData* surfaces, int32_t surface_count,
+                                             const double* indices, const SystemConfig* config,
+                                             int32_t point_count, double max_field,
+                                             int32_t unused_count,
+                                             RelativeIlluminationPoint* points,
+                                             RelativeIlluminationResult* result);
 
 #ifdef __cplusplus
 } /* extern "C" */
