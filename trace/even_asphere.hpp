@@ -61,8 +61,10 @@ namespace detail {
 // the ray after the transfer and (l, m, n) its direction.  The start is the
 // base conic when it is curved and met, else the vertex plane; then the ray
 // steps by the sag error e (divided by n when |n| > 0.8) until |e| < 1e-12 or
-// 1000 steps have passed, which is no failure.  `total` receives the sum of
-// the steps along the ray.  Returns false when the ray misses.
+// 1000 steps have passed, which is no failure.  A ray with |n| at most 1e-15
+// misses whatever the start: walking along it would never change z, so the
+// sag error could not be closed.  `total` receives the sum of the steps
+// along the ray.  Returns false when the ray misses.
 NUVRIX_HD bool asphere_walk(double& x, double& y, double& z, double l, double m, double n,
                             double c, double k, double const* coefficients, double& total) {
   double t = 0.0;
@@ -70,10 +72,8 @@ NUVRIX_HD bool asphere_walk(double& x, double& y, double& z, double l, double m,
   if (fabs(c) >= kPlaneCurvature) {
     started = conic_distance_t<double>(x, y, z, l, m, n, c, 1.0 + k, t);
   }
-  if (!started) {
-    if (fabs(n) <= kTiny) return false;
-    t = -z / n;
-  }
+  if (fabs(n) <= kTiny) return false;
+  if (!started) t = -z / n;
   x = fma(t, l, x);
   y = fma(t, m, y);
   z = fma(t, n, z);
