@@ -16,6 +16,19 @@
 #define NUVRIX_HD inline
 #endif
 
+// A routine of the core that a hot loop reaches only rarely (an uncommon
+// surface type, a failure).  The host compiler keeps it out of line, so that
+// the register allocation of the loop serves the common path; the device
+// compiler inlines as it sees fit.  NUVRIX_HD_COLD also marks the calls as
+// unlikely.
+#if defined(__CUDACC__)
+#define NUVRIX_HD_RARE NUVRIX_HD
+#define NUVRIX_HD_COLD NUVRIX_HD
+#else
+#define NUVRIX_HD_RARE __attribute__((noinline)) inline
+#define NUVRIX_HD_COLD __attribute__((noinline, cold)) inline
+#endif
+
 namespace nuvrix {
 
 // The plain double maths, pulled into the namespace so that an unqualified
@@ -61,6 +74,12 @@ NUVRIX_HD double val(double v) { return v; }
 
 // True for a finite double (false for infinities and NaN).
 NUVRIX_HD bool is_finite(double v) { return fabs(v) <= DBL_MAX; }
+
+// True when x, y and z are all finite: v - v is 0 for a finite v and NaN for
+// an infinity or a NaN, so one comparison tests the three.
+NUVRIX_HD bool all_finite3(double x, double y, double z) {
+  return (x - x) + (y - y) + (z - z) == 0.0;
+}
 
 // True for +-infinity only (NaN is not).
 NUVRIX_HD bool is_inf(double v) { return fabs(v) > DBL_MAX; }

@@ -113,16 +113,30 @@ TEST(EvenAsphere, PlaneStartBeyondTheConicRim) {
   EXPECT_GT(r.nz, -1e-12);
 }
 
-TEST(EvenAsphere, GrazingRayOnPlaneBaseMisses) {
-  nuvrix_test::System sys = nuvrix_test::make_system({0.0, 0.0, 0.0}, {5.0, 5.0, 0.0}, {1.0, 1.0, 1.0});
-  sys.surfaces[1].type = NUVRIX_SURFACE_EVEN_ASPHERE;
-  sys.surfaces[1].coefficients[0] = 1e-3;
-  RayTraceResult const r = nuvrix_trace_ray(sys.surfaces.data(), 3, sys.row(), 1, 0, 0.0, 1.0,
-                                            1.0, 0.0, 0.0, 0.0);
-  EXPECT_EQ(r.valid, 0);
-  EXPECT_EQ(r.status, NUVRIX_RAY_MISSED);
-  EXPECT_EQ(r.violation, 1.0);
-  EXPECT_EQ(r.failed_surface, 1);
+TEST(EvenAsphere, RayWithoutAxialDirectionMisses) {
+  // A ray with |n| at most 1e-15 never closes the sag error: it misses on a
+  // plane base, and also on a curved base whose conic it meets (here at the
+  // vertex, tangentially, one ray height behind its start).
+  for (double radius : {0.0, 20.0}) {
+    nuvrix_test::System sys =
+        nuvrix_test::make_system({0.0, radius, 0.0}, {5.0, 5.0, 0.0}, {1.0, 1.0, 1.0});
+    sys.surfaces[1].type = NUVRIX_SURFACE_EVEN_ASPHERE;
+    sys.surfaces[1].coefficients[0] = 1e-3;
+    for (double n : {0.0, 5e-16, 1e-15}) {
+      double const m = std::sqrt(1.0 - n * n);
+      RayTraceResult const r = nuvrix_trace_ray(sys.surfaces.data(), 3, sys.row(), 1, 0, 0.0,
+                                                1.0, 0.0, m, n, 0.0);
+      EXPECT_EQ(r.valid, 0) << radius << " " << n;
+      EXPECT_EQ(r.status, NUVRIX_RAY_MISSED);
+      EXPECT_EQ(r.violation, 1.0);
+      EXPECT_EQ(r.failed_surface, 1);
+      EXPECT_EQ(r.opl, 0.0);
+      // Below 1e-15 there is no transfer either: the ray stays where it stood.
+      if (n < 1e-15) {
+        EXPECT_EQ(r.y, 1.0);
+      }
+    }
+  }
 }
 
 TEST(EvenAsphere, SteepRaysConvergeWithAndWithoutDividedStep) {

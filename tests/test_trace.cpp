@@ -117,6 +117,19 @@ TEST(Trace, ApertureMarginIsOnePercentOnTheSquaredHeight) {
   EXPECT_EQ(r.opl, 0.0);
   // x counts as well as y.
   EXPECT_EQ(trace(sys, 1.5, 1.5, 0, 0, 1).valid, 0);
+  // The comparison is strict: r2 = 101 against 10^2 * 1.01, which rounds to
+  // 101 exactly, passes; the next representable heights above it fail.
+  sys.surfaces[1].aperture_radius = 10.0;
+  EXPECT_EQ(trace(sys, 10.0, 1.0, 0, 0, 1).valid, 1);
+  RayTraceResult const over = trace(sys, 10.0, 1.0 + 1e-13, 0, 0, 1);
+  EXPECT_EQ(over.valid, 0);
+  EXPECT_NEAR(over.violation, std::sqrt(1.01) - 1.0, 1e-13);
+  // Told to ignore apertures, the trace passes every ray.
+  RayTraceResult const ignored = nuvrix::detail::rt_trace_impl(
+      sys.surfaces.data(), sys.count(), sys.row(), 10.0, 5.0, 0.0, 0.0, 1.0, nullptr, 1, 0, 0.0,
+      0, true);
+  EXPECT_EQ(ignored.valid, 1);
+  EXPECT_EQ(ignored.y, 5.0);
 }
 
 TEST(Trace, ApertureLimitOrder) {
@@ -167,6 +180,48 @@ TEST(Trace, ApertureClipStoresTheFailingState) {
   EXPECT_EQ(r.n, 1.0);          // incoming direction
   EXPECT_NEAR(r.ny, 3.0 / 20.0, 1e-15);  // the new normal, (p - C) / R
   EXPECT_NEAR(r.sag_path, 20.0 - std::sqrt(400.0 - 9.0), 1e-13);
+}
+
+TEST(Trace, MissLeavesTheRayOnTheVertexPlane) {
+  // A ray 10 mm above the axis of a sphere of radius 8 misses it.  The
+  // result holds the point on the vertex plane after the transfer, the
+  // incoming direction and the normal of the surface before (the plane).
+  System sys = nuvrix_test::make_system({0.0, 0.0, 8.0, 0.0}, {5.0, 4.0, 10.0, 0.0},
+                                        {1.0, 1.0, 1.5, 1.5});
+  double const m = 0.3, n = std::sqrt(1.0 - m * m);
+  RayTraceResult const r = trace(sys, 0.0, 8.5, 0.0, m, n);
+  EXPECT_EQ(r.valid, 0);
+  EXPECT_EQ(r.status, NUVRIX_RAY_MISSED);
+  EXPECT_EQ(r.failed_surface, 2);
+  EXPECT_EQ(r.violation, 1.0);
+  EXPECT_NEAR(r.y, 8.5 + 9.0 * m / n, 1e-13);
+  EXPECT_EQ(r.z, 0.0);
+  EXPECT_EQ(r.m, m);
+  EXPECT_EQ(r.nz, -1.0);                   // the plane's normal
+  EXPECT_NEAR(r.sag_path, 0.0, 1e-15);     // nothing added for the missed surface
+  EXPECT_EQ(r.opl, 0.0);
+}
+
+TEST(Trace, InnerStartAndStopContinueTheSameRay) {
+  // A plano-convex lens, a plane window and a biconvex lens.  A ray stopped
+  // at the window and launched again from there (the window is a plane, so
+  // the ray stands at z = 0 of its frame) ends where the whole trace ends.
+  System const sys = nuvrix_test::make_system(
+      {0.0, 30.0, 0.0, 0.0, 0.0, 25.0, -40.0, 0.0}, {20.0, 4.0, 3.0, 2.0, 6.0, 5.0, 35.0, 0.0},
+      {1.0, 1.6, 1.0, 1.5, 1.0, 1.55, 1.0, 1.0});
+  double const m = 0.08, n = std::sqrt(1.0 - m * m);
+  RayTraceResult const whole = trace(sys, 0.3, 2.0, 0.0, m, n);
+  ASSERT_EQ(whole.valid, 1);
+  RayTraceResult const front = trace(sys, 0.3, 2.0, 0.0, m, n, 1, 3);
+  ASSERT_EQ(front.valid, 1);
+  EXPECT_EQ(front.z, 0.0);
+  RayTraceResult const back =
+      trace(sys, front.x, front.y, front.l, front.m, front.n, 4, 0);
+  ASSERT_EQ(back.valid, 1);
+  EXPECT_TRUE(same_bits(back.x, whole.x) && same_bits(back.y, whole.y) &&
+              same_bits(back.l, whole.l) && same_bits(back.m, whole.m) &&
+              same_bits(back.n, whole.n));
+  EXPECT_NEAR(front.opl + back.opl, whole.opl, 1e-12);
 }
 
 TEST(Trace, InfiniteThicknessSkipsTransferAndPath) {
@@ -393,6 +448,14 @@ TEST(MatrixSurface, UnitMatrixKeepsTangentsAndTurnsRayForward) {
   EXPECT_NEAR(s.y, 2.0 * 1.0 + 3.0 * 0.2, 1e-14);
   EXPECT_NEAR(s.m / s.n, 0.1 * 1.0 + 0.5 * 0.2, 1e-14);
   EXPECT_EQ(s.opl, 0.0);
+  // The aperture is tested at the incoming height, before the matrix acts:
+  // h = 1 passes a limit of 1.2 although h' = 2.6 would not.
+  sys.surfaces[1].aperture_radius = 1.2;
+  EXPECT_EQ(trace(sys, 0.0, 1.0, 0.0, 0.2 / std::sqrt(1.04), 1.0 / std::sqrt(1.04), 1, 1).valid, 1);
+  RayTraceResult const clipped =
+      trace(sys, 0.0, 1.3, 0.0, 0.2 / std::sqrt(1.04), 1.0 / std::sqrt(1.04), 1, 1);
+  EXPECT_EQ(clipped.valid, 0);
+  EXPECT_EQ(clipped.y, 1.3);
 }
 
 TEST(ModelGlass, IndexFollowsNdAndAbbeNumber) {
@@ -416,6 +479,17 @@ TEST(ModelGlass, IndexFollowsNdAndAbbeNumber) {
   EXPECT_NEAR(row.m, s / 1.8, 1e-15);
   RayTraceResult const model = trace(sys, 0, 0, 0, s, std::sqrt(1 - s * s), 1, 1, 486.1327);
   EXPECT_NEAR(model.m, s / n_f, 1e-15);
+  EXPECT_EQ(trace(sys, 0, 0, 0, s, std::sqrt(1 - s * s), 1, 1, -486.1327).m, row.m);
+  // The model medium is also the one in front of the next surface: a second
+  // plane into air (row entry 1.8 ignored) gives the launch direction back,
+  // and the path inside the plate counts at the model index.
+  sys.surfaces[2].thickness = 0.0;
+  sys.surfaces.push_back(nuvrix_test::plain_surface(0.0, 0.0));
+  sys.indices = {1.0, 1.8, 1.0, 1.0};
+  RayTraceResult const out = trace(sys, 0, 0, 0, s, std::sqrt(1 - s * s), 1, 2, 486.1327);
+  EXPECT_NEAR(out.m, s, 1e-15);
+  double const inside = 5.0 / std::sqrt(1.0 - (s / n_f) * (s / n_f));
+  EXPECT_NEAR(out.opl, inside * n_f, 1e-12);
   // Outside the array the medium is air.
   EXPECT_EQ(nuvrix::detail::rt_medium_index(sys.surfaces.data(), 3, sys.row(), 3, 500.0), 1.0);
   EXPECT_EQ(nuvrix::detail::rt_medium_index(sys.surfaces.data(), 3, sys.row(), -1, 500.0), 1.0);

@@ -61,35 +61,45 @@ namespace detail {
 // the ray after the transfer and (l, m, n) its direction.  The start is the
 // base conic when it is curved and met, else the vertex plane; then the ray
 // steps by the sag error e (divided by n when |n| > 0.8) until |e| < 1e-12 or
-// 1000 steps have passed, which is no failure.  `total` receives the sum of
-// the steps along the ray.  Returns false when the ray misses.
+// 1000 steps have passed, which is no failure.  A ray with |n| at most 1e-15
+// misses whatever the start: walking along it would never change z, so the
+// sag error could not be closed.  `total` receives the sum of the steps
+// along the ray.  Returns false when the ray misses.
 NUVRIX_HD bool asphere_walk(double& x, double& y, double& z, double l, double m, double n,
                             double c, double k, double const* coefficients, double& total) {
-  double t = 0.0;
+  // The walk runs on locals, so that its point stays in registers even where
+  // the caller's coordinates live in memory; they are written back at the end.
+  double px = x, py = y, pz = z, t = 0.0;
   bool started = false;
   if (fabs(c) >= kPlaneCurvature) {
-    started = conic_distance_t<double>(x, y, z, l, m, n, c, 1.0 + k, t);
+    started = conic_distance_t<double>(px, py, pz, l, m, n, c, 1.0 + k, t);
   }
-  if (!started) {
-    if (fabs(n) <= kTiny) return false;
-    t = -z / n;
-  }
-  x = fma(t, l, x);
-  y = fma(t, m, y);
-  z = fma(t, n, z);
-  total = t;
+  if (fabs(n) <= kTiny) return false;
+  if (!started) t = -pz / n;
+  px = fma(t, l, px);
+  py = fma(t, m, py);
+  pz = fma(t, n, pz);
+  double sum = t;
+  bool hit = true;
   bool const divide = fabs(n) > kAsphereDividedStep;
   for (int it = 0; it < kAsphereMaxIterations; ++it) {
-    double const e = even_asphere_sag_t<double>(sum_sq2(x, y), c, coefficients, k) - z;
-    if (!is_finite(e)) return false;
+    double const e = even_asphere_sag_t<double>(sum_sq2(px, py), c, coefficients, k) - pz;
+    if (!is_finite(e)) {
+      hit = false;
+      break;
+    }
     if (fabs(e) < kAsphereTolerance) break;
     double const step = divide ? e / n : e;
-    x = fma(step, l, x);
-    y = fma(step, m, y);
-    z = fma(step, n, z);
-    total += step;
+    px = fma(step, l, px);
+    py = fma(step, m, py);
+    pz = fma(step, n, pz);
+    sum += step;
   }
-  return is_finite(x) && is_finite(y) && is_finite(z);
+  x = px;
+  y = py;
+  z = pz;
+  total = sum;
+  return hit && is_finite(px) && is_finite(py) && is_finite(pz);
 }
 
 // d(sag)/d(r2) of the even asphere: c / (2 root) for the conic base (root

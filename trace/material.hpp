@@ -31,13 +31,17 @@ namespace detail {
 // Index of the medium behind surface i at `wavelength` nanometres: 1.0
 // outside the array, the model glass where it is set and the wavelength is
 // positive, otherwise element i of the index row.
+// The model glass of surface s at `wavelength` nanometres, out of line: the
+// trace meets it far less often than an index from the row.
+NUVRIX_HD_RARE double rt_model_glass_index(SurfaceData const& s, double wavelength) {
+  return model_index<double>(wavelength, s.model_nd, s.model_vd, s.model_dpgf);
+}
+
 NUVRIX_HD double rt_medium_index(SurfaceData const* surfaces, int surface_count,
                                  double const* indices, int i, double wavelength) {
   if (i < 0 || i >= surface_count) return 1.0;
   SurfaceData const& s = surfaces[i];
-  if (s.model_glass != 0 && wavelength > 0.0) {
-    return model_index<double>(wavelength, s.model_nd, s.model_vd, s.model_dpgf);
-  }
+  if (s.model_glass != 0 && wavelength > 0.0) return rt_model_glass_index(s, wavelength);
   return indices[i];
 }
 

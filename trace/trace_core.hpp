@@ -47,8 +47,10 @@ NUVRIX_HD void rt_put_state(RayTraceResult& res, RayStateT<double> const& r, int
   res.status = status;
 }
 
-NUVRIX_HD RayTraceResult rt_failure(RayStateT<double> const& r, int status, int surface,
-                                    double violation, int states_written) {
+// The result of a failed trace.  The state comes by value: the loop's own
+// ray never has its address taken and so stays in registers.
+NUVRIX_HD_COLD RayTraceResult rt_failure(RayStateT<double> r, int status, int surface,
+                                         double violation, int states_written) {
   RayTraceResult res = {};
   rt_put_state(res, r, status);
   res.valid = 0;
@@ -92,16 +94,17 @@ NUVRIX_HD double rt_thin_lens_path(double r, double r2, double u, double up, dou
   return object_term + image_term;
 }
 
-// The paraxial lens of the real trace: direction change and, off the axis,
-// the ideal lens's path correction added to opl and phase.
-NUVRIX_HD void rt_paraxial_lens(RayStateT<double>& ray, double n1, double n2, double f,
-                                double wavelength, double& phase) {
+// The paraxial lens of the real trace: the direction change and, off the
+// axis, the ideal lens's path correction in `extra`.  Returns true when the
+// correction applies.
+NUVRIX_HD_RARE bool rt_paraxial_lens(RayStateT<double>& ray, double n1, double n2, double f,
+                                     double& extra) {
   bool const usable = focal_length_usable(f);
   double const r2 = sum_sq2(ray.x, ray.y);
   bool const blocked = fabs(ray.n) < kTiny || fabs(n2) < kTiny;
   if (!(r2 > kOnAxisR2 && usable)) {
     if (usable && !blocked) refract_paraxial_t<double, double>(ray, n1, n2, f);
-    return;
+    return false;
   }
   double const r = sqrt(r2);
   double const tx = ray.l / ray.n, ty = ray.m / ray.n;
@@ -113,9 +116,13 @@ NUVRIX_HD void rt_paraxial_lens(RayStateT<double>& ray, double n1, double n2, do
     set_direction_from_tangents_t(ray, txp, typ);
   }
   double const up = fma(ray.y, typ, ray.x * txp) / r;
-  double const extra = rt_thin_lens_path(r, r2, u, up, n1, n2);
-  ray.opl += extra;
-  if (wavelength > 0.0) phase += extra * 1000.0 / (wavelength / 1000.0);
+  extra = rt_thin_lens_path(r, r2, u, up, n1, n2);
+  return true;
+}
+
+// The matrix surface of the real trace.
+NUVRIX_HD_RARE void rt_matrix(RayStateT<double>& ray, double const* abcd) {
+  apply_abcd_generic(ray, abcd);
 }
 
 // Carries the ray across a finite space of thickness t, from its point in
@@ -129,45 +136,85 @@ NUVRIX_HD void rt_transfer(RayStateT<double>& ray, double t) {
   ray.z = 0.0;
 }
 
+// Moves the ray from where it stands onto the even asphere s and stores the
+// normal there.  False on a miss; the ray is then left as it was.
+NUVRIX_HD_RARE bool rt_intersect_asphere(RayStateT<double>& ray, SurfaceData const& s) {
+  double x = ray.x, y = ray.y, z = ray.z, total = 0.0;
+  if (!asphere_walk(x, y, z, ray.l, ray.m, ray.n, s.curvature, s.conic, s.coefficients, total)) {
+    return false;
+  }
+  // sag_path takes the signed length of the whole walk.
+  double const dx = x - ray.x, dy = y - ray.y, dz = z - ray.z;
+  double d = sqrt(dot3(dx, dy, dz, dx, dy, dz));
+  if (dot3(dx, dy, dz, ray.l, ray.m, ray.n) < 0.0) d = -d;
+  ray.x = x;
+  ray.y = y;
+  ray.z = z;
+  ray.sag_path = ray.sag_path + d;
+  even_asphere_normal_t<double>(ray, s.curvature, s.conic, s.coefficients);
+  return true;
+}
+
 // Moves the ray from where it stands onto surface s and stores the normal
 // there: the even-asphere walk for type 1, the plane or nearest conic root
-// for every other type.  False on a miss or a point that is not finite.
+// for every other type.  False on a miss or a point that is not finite; the
+// ray is then left as it was, on the vertex plane after the transfer.
 NUVRIX_HD bool rt_intersect_surface(RayStateT<double>& ray, SurfaceData const& s) {
-  bool hit;
   if (s.type == NUVRIX_SURFACE_EVEN_ASPHERE) {
-    double const xe = ray.x, ye = ray.y, ze = ray.z;
-    double total = 0.0;
-    hit = asphere_walk(ray.x, ray.y, ray.z, ray.l, ray.m, ray.n, s.curvature, s.conic,
-                       s.coefficients, total);
-    if (hit) {
-      // sag_path takes the signed length of the whole walk.
-      double const dx = ray.x - xe, dy = ray.y - ye, dz = ray.z - ze;
-      double d = sqrt(dot3(dx, dy, dz, dx, dy, dz));
-      if (dot3(dx, dy, dz, ray.l, ray.m, ray.n) < 0.0) d = -d;
-      ray.sag_path += d;
-      even_asphere_normal_t<double>(ray, s.curvature, s.conic, s.coefficients);
-    }
-  } else {
-    hit = intersect_conic_t<double>(ray, s.curvature, s.conic);
-    if (hit && !(fabs(s.curvature) < kPlaneCurvature)) {
-      conic_normal_t<double>(ray, s.curvature, s.conic);
-    }
+    // Out of line, on a copy, so that the loop's ray keeps no address.
+    RayStateT<double> walked = ray;
+    if (!rt_intersect_asphere(walked, s)) return false;
+    ray = walked;
+    return true;
   }
-  return hit && is_finite(ray.x) && is_finite(ray.y) && is_finite(ray.z);
+  double const c = s.curvature;
+  double x = ray.x, y = ray.y, z = ray.z, step;
+  bool const plane = fabs(c) < kPlaneCurvature;
+  if (plane) {
+    // The vertex plane.
+    if (fabs(ray.n) < kTiny) return false;
+    step = -z / ray.n;
+    x = fma(step, ray.l, x);
+    y = fma(step, ray.m, y);
+    z = 0.0;
+  } else {
+    // The root of the conic nearest the vertex.
+    if (!conic_distance_t<double>(x, y, z, ray.l, ray.m, ray.n, c, 1.0 + s.conic, step)) {
+      return false;
+    }
+    x = fma(step, ray.l, x);
+    y = fma(step, ray.m, y);
+    z = fma(step, ray.n, z);
+  }
+  if (!all_finite3(x, y, z)) return false;
+  ray.x = x;
+  ray.y = y;
+  ray.z = z;
+  ray.sag_path = ray.sag_path + step;
+  if (plane) {
+    ray.nx = 0.0;
+    ray.ny = 0.0;
+    ray.nz = -1.0;
+  } else {
+    conic_normal_t<double>(ray, c, s.conic);
+  }
+  return true;
 }
 
 // Optical path of one step, from (xo, yo, zo) in the frame of the surface
 // before to the ray's point in the frame of the surface it reached, t apart.
 // The length is signed by the direction of travel along z, except in the
 // space behind a mirror that turned the light back.
+// wave_um is the traced wavelength in micrometres, wavelength / 1000; phase
+// grows only for a positive wavelength.
 NUVRIX_HD void rt_path_step(RayStateT<double>& ray, double& phase, double xo, double yo,
                             double zo, double t, bool behind_mirror, double n1,
-                            double wavelength) {
+                            bool with_phase, double wave_um) {
   double const dx = ray.x - xo, dy = ray.y - yo, dz = ray.z + t - zo;
   double d = sqrt(dot3(dx, dy, dz, dx, dy, dz));
   if (!(behind_mirror && t < 0.0) && dz * ray.n < 0.0) d = -d;
   ray.opl += d * n1;
-  if (wavelength > 0.0) phase += d * 1000.0 * n1 / (wavelength / 1000.0);
+  if (with_phase) phase += d * 1000.0 * n1 / wave_um;
 }
 
 // Traces one ray from (x, y, 0) with direction (l, m, n), given in the frame
@@ -203,8 +250,15 @@ NUVRIX_HD RayTraceResult rt_trace_impl(SurfaceData const* surfaces, int surface_
     return rt_failure(ray, NUVRIX_RAY_MISSED, start_surface, 1.0, count);
   }
 
+  // The phase steps divide by the wavelength in micrometres, the same value
+  // at every surface.
+  bool const with_phase = wavelength > 0.0;
+  double const wave_um = wavelength / 1000.0;
+  // The medium behind surface i is the one in front of surface i + 1, so
+  // each index is looked up once.
+  double n1 = rt_medium_index(surfaces, surface_count, indices, start_surface - 1, wavelength);
+
   for (int i = start_surface; i <= last; ++i) {
-    double const n1 = rt_medium_index(surfaces, surface_count, indices, i - 1, wavelength);
     double const n2 = rt_medium_index(surfaces, surface_count, indices, i, wavelength);
     SurfaceData const& prev = surfaces[i - 1];
     SurfaceData const& s = surfaces[i];
@@ -215,14 +269,15 @@ NUVRIX_HD RayTraceResult rt_trace_impl(SurfaceData const* surfaces, int surface_
     bool const infinite = is_infinite_distance(t);
     if (!infinite) rt_transfer(ray, t);
 
-    // Intersect the surface.
-    RayStateT<double> const on_plane = ray;
+    // Intersect the surface; a miss leaves the ray on the vertex plane.
     if (!rt_intersect_surface(ray, s)) {
-      return rt_failure(on_plane, NUVRIX_RAY_MISSED, i, 1.0, count);
+      return rt_failure(ray, NUVRIX_RAY_MISSED, i, 1.0, count);
     }
 
     // Optical path of the step, signed by the direction of travel.
-    if (!infinite) rt_path_step(ray, phase, xo, yo, zo, t, prev.is_mirror != 0, n1, wavelength);
+    if (!infinite) {
+      rt_path_step(ray, phase, xo, yo, zo, t, prev.is_mirror != 0, n1, with_phase, wave_um);
+    }
 
     // Aperture, on every surface but the image.
     if (i < surface_count - 1 && !ignore_apertures) {
@@ -239,10 +294,19 @@ NUVRIX_HD RayTraceResult rt_trace_impl(SurfaceData const* surfaces, int surface_
 
     // Act on the ray; the image surface never does.
     if (!(i >= surface_count - 1 && i >= last)) {
+      // The rare surface types act out of line on a copy of the ray.
       if (s.type == NUVRIX_SURFACE_PARAXIAL_LENS) {
-        rt_paraxial_lens(ray, n1, n2, s.focal_length, wavelength, phase);
+        RayStateT<double> lens = ray;
+        double extra = 0.0;
+        if (rt_paraxial_lens(lens, n1, n2, s.focal_length, extra)) {
+          lens.opl += extra;
+          if (with_phase) phase += extra * 1000.0 / wave_um;
+        }
+        ray = lens;
       } else if (s.type == NUVRIX_SURFACE_MATRIX) {
-        apply_abcd_generic(ray, s.coefficients);
+        RayStateT<double> matrix = ray;
+        rt_matrix(matrix, s.coefficients);
+        ray = matrix;
       } else if (s.is_mirror != 0) {
         reflect_t<double>(ray);
       } else if (!refract_t<double, double>(ray, n1, n2)) {
@@ -254,6 +318,7 @@ NUVRIX_HD RayTraceResult rt_trace_impl(SurfaceData const* surfaces, int surface_
       if (count < max_states) states[count] = rt_to_state(ray, 0);
       ++count;
     }
+    n1 = n2;
   }
 
   RayTraceResult res = {};
