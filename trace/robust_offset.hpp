@@ -146,6 +146,8 @@ NUVRIX_HD RayTraceResult trace_ray_robust_offset(SurfaceData const* surfaces, in
   }
 
   bool const offset_launch = fabs(z) > kOffsetLaunchZ;
+  bool const with_phase = wavelength > 0.0;
+  double const wave_um = wavelength / 1000.0;
   bool overshoot = false;
   for (int i = start_surface; i <= last; ++i) {
     double const n1 = rt_medium_index(surfaces, surface_count, indices, i - 1, wavelength);
@@ -194,7 +196,9 @@ NUVRIX_HD RayTraceResult trace_ray_robust_offset(SurfaceData const* surfaces, in
       ++count;
     }
 
-    if (path_counts) rt_path_step(ray, phase, xo, yo, zo, t, prev.is_mirror != 0, n1, wavelength);
+    if (path_counts) {
+      rt_path_step(ray, phase, xo, yo, zo, t, prev.is_mirror != 0, n1, with_phase, wave_um);
+    }
 
     // Aperture, on every surface but the image.
     if (i < surface_count - 1 && !ignore_apertures) {
@@ -207,7 +211,11 @@ NUVRIX_HD RayTraceResult trace_ray_robust_offset(SurfaceData const* surfaces, in
 
     // Act on the ray, at every surface including the image.
     if (s.type == NUVRIX_SURFACE_PARAXIAL_LENS) {
-      rt_paraxial_lens(ray, n1, n2, s.focal_length, wavelength, phase);
+      double extra = 0.0;
+      if (rt_paraxial_lens(ray, n1, n2, s.focal_length, extra)) {
+        ray.opl += extra;
+        if (with_phase) phase += extra * 1000.0 / wave_um;
+      }
     } else if (s.is_mirror != 0) {
       reflect_t<double>(ray);
     } else if (!refract_t<double, double>(ray, n1, n2)) {
