@@ -4,6 +4,7 @@
 #include "analysis/opd_fan.hpp"
 #include "analysis/fft_mtf.hpp"
 #include "analysis/fft_psf.hpp"
+#include "analysis/geometric_mtf.hpp"
 #include "analysis/wavefront_map.hpp"
 #include "first_order/paraxial.hpp"
 #include "first_order/paraxial_solve.hpp"
@@ -243,6 +244,47 @@ int32_t nuvrix_compute_fft_mtf_vs_field(
                                           real, imag, points, result);
 }
 // Geometric MTF, encircled energy, line and edge spread.
+
+int32_t nuvrix_compute_geometric_mtf(const SurfaceData* surfaces, int32_t surface_count,
+                                     const double* indices, const SystemConfig* config,
+                                     const FieldData* fields, int32_t field_count,
+                                     int32_t field_index, int32_t wavelength_index,
+                                     int32_t samples, int32_t apply_diffraction,
+                                     double tangential_cutoff, double sagittal_cutoff,
+                                     double* real, double* imag, int32_t grid_size,
+                                     GeometricMtfPoint* points, int32_t capacity,
+                                     GeometricMtfResult* result) {
+  return nuvrix::compute_geometric_mtf(surfaces, surface_count, indices, config, fields,
+                                       field_count, field_index, wavelength_index, samples,
+                                       apply_diffraction, tangential_cutoff, sagittal_cutoff, real,
+                                       imag, grid_size, points, capacity, result);
+}
+
+int32_t nuvrix_compute_geometric_mtf_polychromatic(
+    const SurfaceData* surfaces, int32_t surface_count, const double* indices,
+    const double* wavelengths, const double* weights, int32_t wavelength_count,
+    const SystemConfig* config, const FieldData* fields, int32_t field_count,
+    int32_t field_index, int32_t samples, int32_t apply_diffraction, double tangential_cutoff,
+    double sagittal_cutoff, double* real, double* imag, int32_t grid_size,
+    GeometricMtfPoint* points, int32_t capacity, GeometricMtfResult* result) {
+  return nuvrix::compute_geometric_mtf_polychromatic(
+      surfaces, surface_count, indices, wavelengths, weights, wavelength_count, config, fields,
+      field_count, field_index, samples, apply_diffraction, tangential_cutoff, sagittal_cutoff,
+      real, imag, grid_size, points, capacity, result);
+}
+
+int32_t nuvrix_compute_geometric_mtf_vs_field(
+    const SurfaceData* surfaces, int32_t surface_count, const double* indices,
+    const SystemConfig* config, const FieldData* fields, int32_t unused_count,
+    int32_t wavelength_index, int32_t samples, int32_t apply_diffraction,
+    const double* frequencies, int32_t frequency_count, const double* field_fractions,
+    int32_t field_count, double field_scale, double* real, double* imag, int32_t grid_size,
+    MtfVsFieldPoint* points, MtfVsFieldResult* result) {
+  return nuvrix::compute_geometric_mtf_vs_field(
+      surfaces, surface_count, indices, config, fields, unused_count, wavelength_index, samples,
+      apply_diffraction, frequencies, frequency_count, field_fractions, field_count, field_scale,
+      real, imag, grid_size, points, result);
+}
 
 // Zernike decomposition.
 

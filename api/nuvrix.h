@@ -253,6 +253,47 @@ typedef struct MtfVsFieldResult {
 /* Geometric MTF, encircled energy, line and edge spread                    */
 /* ------------------------------------------------------------------------ */
 
+/* One frequency of a geometric MTF curve. */
+typedef struct GeometricMtfPoint {
+  double frequency;  /* cycles/mm */
+  double tangential; /* 0 .. 1 */
+  double sagittal;   /* 0 .. 1 */
+} GeometricMtfPoint;
+
+typedef struct GeometricMtfResult {
+  int32_t field_index;
+  int32_t wavelength_index; /* copied from the call; -1 when polychromatic */
+  int32_t point_count;      /* points written */
+  double max_frequency;     /* the larger cutoff, cycles/mm */
+} GeometricMtfResult;
+
+/* Encircled energy at one radius. */
+typedef struct EncircledEnergyPoint {
+  double radius; /* micrometres */
+  double energy; /* fraction 0 .. 1 */
+} EncircledEnergyPoint;
+
+typedef struct EncircledEnergyResultHeader {
+  int32_t point_count;      /* records: the requested count plus 1 */
+  int32_t field_index;      /* geometric: 0; diffraction: left to the caller */
+  int32_t wavelength_index; /* geometric: -1; diffraction: left to the caller */
+  double center_x;          /* centre of the circles, mm (see each export) */
+  double center_y;
+} EncircledEnergyResultHeader;
+
+/* Line and edge spread at one position of a profile. */
+typedef struct LineEdgeSpreadPoint {
+  double position;    /* micrometres from the centre */
+  double line_spread; /* 0 .. 1, largest bin 1 */
+  double edge_spread; /* 0 .. 1, running fraction of the kept hits */
+} LineEdgeSpreadPoint;
+
+typedef struct LineEdgeSpreadResultHeader {
+  int32_t point_count; /* the requested count plus 1, not limited */
+  double center_x;     /* mm */
+  double center_y;
+} LineEdgeSpreadResultHeader;
+
 /* ------------------------------------------------------------------------ */
 /* Zernike decomposition                                                    */
 /* ------------------------------------------------------------------------ */
@@ -583,6 +624,55 @@ int32_t nuvrix_compute_fft_mtf_vs_field(
     int32_t field_count, double field_scale, double* map, int32_t* mask, double* real,
     double* imag, MtfVsFieldPoint* points, MtfVsFieldResult* result);
 /* Geometric MTF, encircled energy, line and edge spread: exports --------- */
+
+/* Geometric MTF of field field_index from ray hits alone, at the wavelength
+ * of the index row indices (also used for the launch and the chief ray):
+ * samples pupil samples across on the cell-centred rectangular grid, hits
+ * measured from the chief ray and binned into real (grid_size^2 doubles,
+ * grid_size a power of two) at a pitch that makes the spot's larger extent
+ * span 128 / 1.5 pixels.  imag is scratch of the same size.  Frequencies 0,
+ * 1, 2 ... cycles/mm, at most 101 (the curve stops at 100) and at most
+ * capacity points; a direction reads 0 beyond its own cutoff, and a non-zero
+ * apply_diffraction multiplies it by the diffraction-limited curve of that
+ * cutoff.  wavelength_index is only copied into the result.  Returns 0, -1
+ * (field_index out of range), -2 (chief ray failed) or -3 (at most 3 rays
+ * survived); result is untouched on a non-zero status. */
+int32_t nuvrix_compute_geometric_mtf(const SurfaceData* surfaces, int32_t surface_count,
+                                     const double* indices, const SystemConfig* config,
+                                     const FieldData* fields, int32_t field_count,
+                                     int32_t field_index, int32_t wavelength_index,
+                                     int32_t samples, int32_t apply_diffraction,
+                                     double tangential_cutoff, double sagittal_cutoff,
+                                     double* real, double* imag, int32_t grid_size,
+                                     GeometricMtfPoint* points, int32_t capacity,
+                                     GeometricMtfResult* result);
+
+/* The same over every wavelength (indices: one row per wavelength; launch
+ * set and chief ray at the primary wavelength).  Every ray of every
+ * wavelength counts the same: wavelengths and weights are not read.
+ * wavelength_index is -1 in the result.  Returns as above, with -3 also for
+ * wavelength_count below 1. */
+int32_t nuvrix_compute_geometric_mtf_polychromatic(
+    const SurfaceData* surfaces, int32_t surface_count, const double* indices,
+    const double* wavelengths, const double* weights, int32_t wavelength_count,
+    const SystemConfig* config, const FieldData* fields, int32_t field_count,
+    int32_t field_index, int32_t samples, int32_t apply_diffraction, double tangential_cutoff,
+    double sagittal_cutoff, double* real, double* imag, int32_t grid_size,
+    GeometricMtfPoint* points, int32_t capacity, GeometricMtfResult* result);
+
+/* Geometric MTF over field_count normalised fields (field_y =
+ * field_fractions[f] * field_scale) at frequency_count frequencies: each
+ * frequency reads the nearest point of the field's curve at cutoffs of 500
+ * cycles/mm, which stops at 100 cycles/mm.  fields and unused_count are not
+ * read.  points holds frequency_count * field_count records, frequency q of
+ * field f at q * field_count + f; a failed field reads 0.  Returns 0. */
+int32_t nuvrix_compute_geometric_mtf_vs_field(
+    const SurfaceData* surfaces, int32_t surface_count, const double* indices,
+    const SystemConfig* config, const FieldData* fields, int32_t unused_count,
+    int32_t wavelength_index, int32_t samples, int32_t apply_diffraction,
+    const double* frequencies, int32_t frequency_count, const double* field_fractions,
+    int32_t field_count, double field_scale, double* real, double* imag, int32_t grid_size,
+    MtfVsFieldPoint* points, MtfVsFieldResult* result);
 
 /* Zernike decomposition: exports ----------------------------------------- */
 
