@@ -1,5 +1,7 @@
 // The exported C frames.  Each is a thin forward to the engine function of
 // its family, filling only the arguments that the exported form fixes.
+#include "analysis/ray_fans.hpp"
+#include "analysis/spot_diagram.hpp"
 #include "api/nuvrix.h"
 #include "analysis/opd_fan.hpp"
 #include "analysis/fft_mtf.hpp"
@@ -158,6 +160,54 @@ double nuvrix_compute_stop_radius(const SurfaceData* surfaces, int32_t n, const 
 }
 
 // Spot diagrams and ray fans.
+
+int32_t nuvrix_compute_spot_diagram(const SurfaceData* surfaces, int32_t surface_count,
+                                    const double* indices, const double* weights,
+                                    int32_t wavelength_count, const SystemConfig* config,
+                                    const FieldData* fields, int32_t field_count,
+                                    int32_t field_index, int32_t grid_size, int32_t pattern,
+                                    SpotDiagramResult* result) {
+  return nuvrix::compute_spot_diagram(surfaces, surface_count, indices, weights, wavelength_count,
+                                      config, fields, field_count, field_index, grid_size, pattern,
+                                      result);
+}
+
+int32_t nuvrix_compute_spot_diagram_with_rays(const SurfaceData* surfaces, int32_t surface_count,
+                                              const double* indices, const double* weights,
+                                              int32_t wavelength_count,
+                                              const SystemConfig* config,
+                                              const FieldData* fields, int32_t field_count,
+                                              int32_t field_index, int32_t grid_size,
+                                              int32_t pattern, SpotRayHit* hits,
+                                              int32_t hit_capacity, SpotDiagramResult* result) {
+  return nuvrix::compute_spot_diagram_with_rays(surfaces, surface_count, indices, weights,
+                                                wavelength_count, config, fields, field_count,
+                                                field_index, grid_size, pattern, hits,
+                                                hit_capacity, result);
+}
+
+int32_t nuvrix_compute_transverse_ray_fan(const SurfaceData* surfaces, int32_t surface_count,
+                                          const double* indices, int32_t wavelength_count,
+                                          const SystemConfig* config, const FieldData* fields,
+                                          int32_t field_count, int32_t field_index,
+                                          int32_t point_count, RayFanPoint* tangential,
+                                          RayFanPoint* sagittal, RayFanResultHeader* header) {
+  return nuvrix::compute_transverse_ray_fan(surfaces, surface_count, indices, wavelength_count,
+                                            config, fields, field_count, field_index,
+                                            point_count, tangential, sagittal, header);
+}
+
+int32_t nuvrix_compute_pupil_aberration_fan(const SurfaceData* surfaces, int32_t surface_count,
+                                            const double* indices, int32_t wavelength_count,
+                                            const SystemConfig* config, const FieldData* fields,
+                                            int32_t field_count, int32_t field_index,
+                                            int32_t point_count, PupilAberrationPoint* tangential,
+                                            PupilAberrationPoint* sagittal,
+                                            PupilAberrationResultHeader* header) {
+  return nuvrix::compute_pupil_aberration_fan(surfaces, surface_count, indices, wavelength_count,
+                                              config, fields, field_count, field_index,
+                                              point_count, tangential, sagittal, header);
+}
 
 // OPD fan and wavefront map.
 

@@ -175,6 +175,60 @@ typedef struct AimToStopResult {
 /* Spot diagrams and ray fans                                               */
 /* ------------------------------------------------------------------------ */
 
+/* One stored ray hit of a spot diagram. */
+typedef struct SpotRayHit {
+  double x;                 /* image-surface x, mm */
+  double y;                 /* image-surface y, mm */
+  int32_t wavelength_index; /* index of the wavelength in the caller's list */
+  int32_t valid;            /* always 1: only surviving rays are stored */
+} SpotRayHit;
+
+/* Spot statistics of one field point over all wavelengths.  The radii are
+ * measured from the chief ray of the primary wavelength and weighted by the
+ * wavelength weights; the centroid is the plain mean of all rays. */
+typedef struct SpotDiagramResult {
+  double rms_radius; /* root of the weighted mean squared distance from the chief ray */
+  double rms_x;      /* the same for the x differences alone */
+  double rms_y;      /* the same for the y differences alone */
+  double geo_radius; /* largest distance of any ray from the chief ray */
+  double chief_x;    /* chief ray on the image surface, primary wavelength */
+  double chief_y;
+  double centroid_x; /* unweighted mean of all rays of all wavelengths */
+  double centroid_y;
+  int32_t ray_count;   /* surviving rays, all wavelengths together */
+  int32_t field_index; /* the field asked for */
+} SpotDiagramResult;
+
+/* One sample of a transverse ray fan. */
+typedef struct RayFanPoint {
+  double pupil_coordinate;  /* normalised pupil coordinate, -1 to 1 */
+  double value;             /* transverse aberration, mm; 0 when not valid */
+  int32_t wavelength_index;
+  int32_t valid;            /* 1 when the ray survived */
+} RayFanPoint;
+
+typedef struct RayFanResultHeader {
+  int32_t field_index;
+  double max_abs_value;     /* largest |value| over both fans and all wavelengths; 0 if none */
+  int32_t tangential_count; /* tangential records written */
+  int32_t sagittal_count;   /* sagittal records written */
+} RayFanResultHeader;
+
+/* One sample of a pupil-aberration fan. */
+typedef struct PupilAberrationPoint {
+  double pupil_coordinate;  /* normalised pupil coordinate, -1 to 1 */
+  double value;             /* miss at the stop, percent of the stop radius; 0 when not valid */
+  int32_t wavelength_index;
+  int32_t valid;            /* 1 when the ray reached the stop */
+} PupilAberrationPoint;
+
+typedef struct PupilAberrationResultHeader {
+  int32_t field_index;
+  double max_abs_value;
+  int32_t tangential_count;
+  int32_t sagittal_count;
+} PupilAberrationResultHeader;
+
 /* ------------------------------------------------------------------------ */
 /* OPD fan and wavefront map                                                */
 /* ------------------------------------------------------------------------ */
@@ -526,6 +580,62 @@ double nuvrix_compute_stop_radius(const SurfaceData* surfaces, int32_t n, const 
                                   const SystemConfig* config);
 
 /* Spot diagrams and ray fans: exports ------------------------------------ */
+
+/* Spot statistics of fields[field_index] over wavelength_count index rows
+ * (indices: wavelength_count rows of surface_count), radii weighted by
+ * weights[w], centroid unweighted.  pattern 1: hexapolar grid of grid_size
+ * rings (1 + 3 grid_size (grid_size + 1) rays a wavelength); any other value:
+ * rectangular grid of grid_size cell centres across, those outside the unit
+ * circle skipped.  Rays are traced unaimed unless config->ray_aiming is 1.
+ * Returns 0 (result filled), -1 (field_index out of range), -2 (the primary
+ * chief ray did not survive) or -3 (wavelength_count < 1, or no ray
+ * survived); result is untouched on a non-zero return.  Runs in parallel:
+ * the last digits may vary with the thread count. */
+int32_t nuvrix_compute_spot_diagram(const SurfaceData* surfaces, int32_t surface_count,
+                                    const double* indices, const double* weights,
+                                    int32_t wavelength_count, const SystemConfig* config,
+                                    const FieldData* fields, int32_t field_count,
+                                    int32_t field_index, int32_t grid_size, int32_t pattern,
+                                    SpotDiagramResult* result);
+
+/* As nuvrix_compute_spot_diagram, on the calling thread in a fixed order
+ * (reproducible bit for bit), and also storing the surviving rays into hits
+ * while fewer than hit_capacity are stored (capacity 0 is legal): per
+ * wavelength the central ray first, then ring by ring (row by row).  The
+ * number stored is the smaller of result->ray_count and hit_capacity. */
+int32_t nuvrix_compute_spot_diagram_with_rays(const SurfaceData* surfaces, int32_t surface_count,
+                                              const double* indices, const double* weights,
+                                              int32_t wavelength_count,
+                                              const SystemConfig* config,
+                                              const FieldData* fields, int32_t field_count,
+                                              int32_t field_index, int32_t grid_size,
+                                              int32_t pattern, SpotRayHit* hits,
+                                              int32_t hit_capacity, SpotDiagramResult* result);
+
+/* Tangential (pupil y) and sagittal (pupil x) transverse ray fans of
+ * point_count + 1 samples p = 2 i / point_count - 1 at every wavelength: the
+ * image-surface y (x) minus that of the primary chief ray.  Both arrays hold
+ * (point_count + 1) * wavelength_count records, sample i of wavelength w at
+ * i + (point_count + 1) w; point_count must be positive.  Returns 0, -1
+ * (field_index out of range) or -2 (the chief ray failed: nothing written). */
+int32_t nuvrix_compute_transverse_ray_fan(const SurfaceData* surfaces, int32_t surface_count,
+                                          const double* indices, int32_t wavelength_count,
+                                          const SystemConfig* config, const FieldData* fields,
+                                          int32_t field_count, int32_t field_index,
+                                          int32_t point_count, RayFanPoint* tangential,
+                                          RayFanPoint* sagittal, RayFanResultHeader* header);
+
+/* Pupil-aberration fans with the same sampling and layout: each unaimed ray
+ * is traced to the stop, value = (R p - h) * 100 / R with R the paraxial
+ * stop radius and h the ray's stop height (y tangential, x sagittal).
+ * Returns 0, -1 (field_index out of range) or -3 (R below 1e-15). */
+int32_t nuvrix_compute_pupil_aberration_fan(const SurfaceData* surfaces, int32_t surface_count,
+                                            const double* indices, int32_t wavelength_count,
+                                            const SystemConfig* config, const FieldData* fields,
+                                            int32_t field_count, int32_t field_index,
+                                            int32_t point_count, PupilAberrationPoint* tangential,
+                                            PupilAberrationPoint* sagittal,
+                                            PupilAberrationResultHeader* header);
 
 /* OPD fan and wavefront map: exports ------------------------------------- */
 
