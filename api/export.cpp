@@ -5,6 +5,7 @@
 #include "api/nuvrix.h"
 #include "analysis/opd_fan.hpp"
 #include "analysis/fft_mtf.hpp"
+#include "analysis/encircled_energy.hpp"
 #include "analysis/fft_psf.hpp"
 #include "analysis/geometric_mtf.hpp"
 #include "analysis/wavefront_map.hpp"
@@ -334,6 +335,35 @@ int32_t nuvrix_compute_geometric_mtf_vs_field(
       surfaces, surface_count, indices, config, fields, unused_count, wavelength_index, samples,
       apply_diffraction, frequencies, frequency_count, field_fractions, field_count, field_scale,
       real, imag, grid_size, points, result);
+}
+
+int32_t nuvrix_compute_diffraction_encircled_energy(const double* psf, int32_t grid_size,
+                                                    double pixel_pitch, double max_radius,
+                                                    int32_t point_count,
+                                                    EncircledEnergyPoint* points,
+                                                    EncircledEnergyResultHeader* header) {
+  return nuvrix::compute_diffraction_encircled_energy(psf, grid_size, pixel_pitch, max_radius,
+                                                      point_count, points, header);
+}
+
+int32_t nuvrix_compute_geometric_encircled_energy(const SpotRayHit* hits, int32_t hit_count,
+                                                  double center_x, double center_y,
+                                                  double max_radius, int32_t point_count,
+                                                  EncircledEnergyPoint* points,
+                                                  EncircledEnergyResultHeader* header) {
+  return nuvrix::compute_geometric_encircled_energy(hits, hit_count, center_x, center_y,
+                                                    max_radius, point_count, points, header);
+}
+
+int32_t nuvrix_compute_geometric_line_edge_spread(const SpotRayHit* hits, int32_t hit_count,
+                                                  double center_x, double center_y,
+                                                  double half_width, int32_t point_count,
+                                                  LineEdgeSpreadPoint* x_points,
+                                                  LineEdgeSpreadPoint* y_points,
+                                                  LineEdgeSpreadResultHeader* header) {
+  return nuvrix::compute_geometric_line_edge_spread(hits, hit_count, center_x, center_y,
+                                                    half_width, point_count, x_points, y_points,
+                                                    header);
 }
 
 // Zernike decomposition.

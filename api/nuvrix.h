@@ -784,6 +784,47 @@ int32_t nuvrix_compute_geometric_mtf_vs_field(
     int32_t field_count, double field_scale, double* real, double* imag, int32_t grid_size,
     MtfVsFieldPoint* points, MtfVsFieldResult* result);
 
+/* Encircled energy of a diffraction PSF of grid_size x grid_size pixels of
+ * pixel_pitch mm (as nuvrix_compute_fft_psf leaves it), in circles about
+ * its centroid, at point_count + 1 radii i max_radius / point_count
+ * (micrometres): a radial histogram of ten bins a pixel, at most 10240,
+ * read linearly between bins.  header receives point_count + 1 and, in
+ * center_x and center_y, the centroid's offset from the array centre in mm;
+ * its field_index and wavelength_index are left to the caller.  Returns 0. */
+int32_t nuvrix_compute_diffraction_encircled_energy(const double* psf, int32_t grid_size,
+                                                    double pixel_pitch, double max_radius,
+                                                    int32_t point_count,
+                                                    EncircledEnergyPoint* points,
+                                                    EncircledEnergyResultHeader* header);
+
+/* Encircled energy of ray hits (x, y in mm, e.g. from
+ * nuvrix_compute_spot_diagram_with_rays) in circles about (center_x,
+ * center_y) mm, at point_count + 1 radii i max_radius / point_count
+ * (micrometres): the fraction of the valid hits, at most the first 65536,
+ * within each radius; all hits count the same.  With hit_count below 1
+ * every radius and energy is 0; hits none of which is valid give energies
+ * that are not a number.  header: point_count + 1, field_index 0,
+ * wavelength_index -1, the centre.  Returns 0. */
+int32_t nuvrix_compute_geometric_encircled_energy(const SpotRayHit* hits, int32_t hit_count,
+                                                  double center_x, double center_y,
+                                                  double max_radius, int32_t point_count,
+                                                  EncircledEnergyPoint* points,
+                                                  EncircledEnergyResultHeader* header);
+
+/* Line and edge spread of the valid ray hits along x (x_points) and y
+ * (y_points) about (center_x, center_y) mm: histograms of point_count + 1
+ * bins of 2 half_width / point_count micrometres, bin i centred at
+ * i bin - half_width; line spread over the largest bin, edge spread the
+ * running fraction of the hits kept.  At most 2048 records are written to
+ * each array although header.point_count is point_count + 1 unlimited; keep
+ * point_count below 2048.  Returns 0. */
+int32_t nuvrix_compute_geometric_line_edge_spread(const SpotRayHit* hits, int32_t hit_count,
+                                                  double center_x, double center_y,
+                                                  double half_width, int32_t point_count,
+                                                  LineEdgeSpreadPoint* x_points,
+                                                  LineEdgeSpreadPoint* y_points,
+                                                  LineEdgeSpreadResultHeader* header);
+
 /* Zernike decomposition: exports ----------------------------------------- */
 
 /* Field analyses: exports ------------------------------------------------ */
