@@ -73,7 +73,14 @@ double ray_sum_modulus(double const* d, int count, double w) {
   return sqrt(sum_cos * sum_cos + sum_sin * sum_sin) / count;
 }
 
-double clamp_unit(double v) { return v < 0.0 ? 0.0 : (v > 1.0 ? 1.0 : v); }
+// Clamps to 0 ... 1.  A value that is not a number reads 1: with
+// frequency_steps 0 the one point's frequency is 0 times an infinite (or
+// undefined) step, and only that frequency, not the modulus of the zero
+// frequency, shows the division.
+double clamp_unit(double v) {
+  if (!(v <= 1.0)) return 1.0;
+  return v < 0.0 ? 0.0 : v;
+}
 
 // Point k of the curve, at f = k step; max_frequency is the cutoff of the
 // diffraction-limited factor.

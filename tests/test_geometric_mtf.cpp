@@ -172,9 +172,13 @@ TEST(GeometricMtf, FrequencyAxisStopsAtTheCutoffsAtOneHundredAndAtCapacity) {
   b = binned(mirror, cfg, 0.0, 16, 32, 40.0, 9.7, 0, 0);
   EXPECT_TRUE(b.status == 0 && b.r.point_count == 0 && b.r.max_frequency == 40.0);
   EXPECT_EQ(b.p[0].frequency, -1.0);
-  // The ray-sum method: a negative step count writes nothing.
-  RaySum const k = ray_sum(mirror, cfg, 0.0, 10, 60.0, -1);
+  // The ray-sum method: a negative step count writes nothing; a count of 0
+  // leaves one point whose frequency 0 * (60 / 0) is not a number, its
+  // modulations those of the zero frequency.
+  RaySum k = ray_sum(mirror, cfg, 0.0, 10, 60.0, -1);
   EXPECT_TRUE(k.status == 0 && k.f[0] == -1.0 && k.t[0] == -1.0);
+  k = ray_sum(mirror, cfg, 0.0, 10, 60.0, 0);
+  EXPECT_TRUE(std::isnan(k.f[0]) && k.t[0] == 1.0 && k.s[0] == 1.0 && k.f[1] == -1.0);
 }
 
 TEST(GeometricMtf, ZeroFrequencyIsOneAndRaysBeyondTheArrayStillCount) {
