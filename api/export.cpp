@@ -1,9 +1,13 @@
 // The exported C frames.  Each is a thin forward to the engine function of
 // its family, filling only the arguments that the exported form fixes.
+#include "analysis/ray_fans.hpp"
+#include "analysis/spot_diagram.hpp"
 #include "api/nuvrix.h"
 #include "analysis/opd_fan.hpp"
 #include "analysis/fft_mtf.hpp"
+#include "analysis/encircled_energy.hpp"
 #include "analysis/fft_psf.hpp"
+#include "analysis/geometric_mtf.hpp"
 #include "analysis/wavefront_map.hpp"
 #include "analysis/zernike.hpp"
 #include "analysis/field_analyses.hpp"
@@ -160,6 +164,54 @@ double nuvrix_compute_stop_radius(const SurfaceData* surfaces, int32_t n, const 
 
 // Spot diagrams and ray fans.
 
+int32_t nuvrix_compute_spot_diagram(const SurfaceData* surfaces, int32_t surface_count,
+                                    const double* indices, const double* weights,
+                                    int32_t wavelength_count, const SystemConfig* config,
+                                    const FieldData* fields, int32_t field_count,
+                                    int32_t field_index, int32_t grid_size, int32_t pattern,
+                                    SpotDiagramResult* result) {
+  return nuvrix::compute_spot_diagram(surfaces, surface_count, indices, weights, wavelength_count,
+                                      config, fields, field_count, field_index, grid_size, pattern,
+                                      result);
+}
+
+int32_t nuvrix_compute_spot_diagram_with_rays(const SurfaceData* surfaces, int32_t surface_count,
+                                              const double* indices, const double* weights,
+                                              int32_t wavelength_count,
+                                              const SystemConfig* config,
+                                              const FieldData* fields, int32_t field_count,
+                                              int32_t field_index, int32_t grid_size,
+                                              int32_t pattern, SpotRayHit* hits,
+                                              int32_t hit_capacity, SpotDiagramResult* result) {
+  return nuvrix::compute_spot_diagram_with_rays(surfaces, surface_count, indices, weights,
+                                                wavelength_count, config, fields, field_count,
+                                                field_index, grid_size, pattern, hits,
+                                                hit_capacity, result);
+}
+
+int32_t nuvrix_compute_transverse_ray_fan(const SurfaceData* surfaces, int32_t surface_count,
+                                          const double* indices, int32_t wavelength_count,
+                                          const SystemConfig* config, const FieldData* fields,
+                                          int32_t field_count, int32_t field_index,
+                                          int32_t point_count, RayFanPoint* tangential,
+                                          RayFanPoint* sagittal, RayFanResultHeader* header) {
+  return nuvrix::compute_transverse_ray_fan(surfaces, surface_count, indices, wavelength_count,
+                                            config, fields, field_count, field_index,
+                                            point_count, tangential, sagittal, header);
+}
+
+int32_t nuvrix_compute_pupil_aberration_fan(const SurfaceData* surfaces, int32_t surface_count,
+                                            const double* indices, int32_t wavelength_count,
+                                            const SystemConfig* config, const FieldData* fields,
+                                            int32_t field_count, int32_t field_index,
+                                            int32_t point_count, PupilAberrationPoint* tangential,
+                                            PupilAberrationPoint* sagittal,
+                                            PupilAberrationResultHeader* header) {
+  return nuvrix::compute_pupil_aberration_fan(surfaces, surface_count, indices, wavelength_count,
+                                              config, fields, field_count, field_index,
+                                              point_count, tangential, sagittal, header);
+}
+
 // OPD fan and wavefront map.
 
 int32_t nuvrix_compute_opd_fan(const SurfaceData* surfaces, int32_t surface_count,
@@ -245,6 +297,76 @@ int32_t nuvrix_compute_fft_mtf_vs_field(
                                           real, imag, points, result);
 }
 // Geometric MTF, encircled energy, line and edge spread.
+
+int32_t nuvrix_compute_geometric_mtf(const SurfaceData* surfaces, int32_t surface_count,
+                                     const double* indices, const SystemConfig* config,
+                                     const FieldData* fields, int32_t field_count,
+                                     int32_t field_index, int32_t wavelength_index,
+                                     int32_t samples, int32_t apply_diffraction,
+                                     double tangential_cutoff, double sagittal_cutoff,
+                                     double* real, double* imag, int32_t grid_size,
+                                     GeometricMtfPoint* points, int32_t capacity,
+                                     GeometricMtfResult* result) {
+  return nuvrix::compute_geometric_mtf(surfaces, surface_count, indices, config, fields,
+                                       field_count, field_index, wavelength_index, samples,
+                                       apply_diffraction, tangential_cutoff, sagittal_cutoff, real,
+                                       imag, grid_size, points, capacity, result);
+}
+
+int32_t nuvrix_compute_geometric_mtf_polychromatic(
+    const SurfaceData* surfaces, int32_t surface_count, const double* indices,
+    const double* wavelengths, const double* weights, int32_t wavelength_count,
+    const SystemConfig* config, const FieldData* fields, int32_t field_count,
+    int32_t field_index, int32_t samples, int32_t apply_diffraction, double tangential_cutoff,
+    double sagittal_cutoff, double* real, double* imag, int32_t grid_size,
+    GeometricMtfPoint* points, int32_t capacity, GeometricMtfResult* result) {
+  return nuvrix::compute_geometric_mtf_polychromatic(
+      surfaces, surface_count, indices, wavelengths, weights, wavelength_count, config, fields,
+      field_count, field_index, samples, apply_diffraction, tangential_cutoff, sagittal_cutoff,
+      real, imag, grid_size, points, capacity, result);
+}
+
+int32_t nuvrix_compute_geometric_mtf_vs_field(
+    const SurfaceData* surfaces, int32_t surface_count, const double* indices,
+    const SystemConfig* config, const FieldData* fields, int32_t unused_count,
+    int32_t wavelength_index, int32_t samples, int32_t apply_diffraction,
+    const double* frequencies, int32_t frequency_count, const double* field_fractions,
+    int32_t field_count, double field_scale, double* real, double* imag, int32_t grid_size,
+    MtfVsFieldPoint* points, MtfVsFieldResult* result) {
+  return nuvrix::compute_geometric_mtf_vs_field(
+      surfaces, surface_count, indices, config, fields, unused_count, wavelength_index, samples,
+      apply_diffraction, frequencies, frequency_count, field_fractions, field_count, field_scale,
+      real, imag, grid_size, points, result);
+}
+
+int32_t nuvrix_compute_diffraction_encircled_energy(const double* psf, int32_t grid_size,
+                                                    double pixel_pitch, double max_radius,
+                                                    int32_t point_count,
+                                                    EncircledEnergyPoint* points,
+                                                    EncircledEnergyResultHeader* header) {
+  return nuvrix::compute_diffraction_encircled_energy(psf, grid_size, pixel_pitch, max_radius,
+                                                      point_count, points, header);
+}
+
+int32_t nuvrix_compute_geometric_encircled_energy(const SpotRayHit* hits, int32_t hit_count,
+                                                  double center_x, double center_y,
+                                                  double max_radius, int32_t point_count,
+                                                  EncircledEnergyPoint* points,
+                                                  EncircledEnergyResultHeader* header) {
+  return nuvrix::compute_geometric_encircled_energy(hits, hit_count, center_x, center_y,
+                                                    max_radius, point_count, points, header);
+}
+
+int32_t nuvrix_compute_geometric_line_edge_spread(const SpotRayHit* hits, int32_t hit_count,
+                                                  double center_x, double center_y,
+                                                  double half_width, int32_t point_count,
+                                                  LineEdgeSpreadPoint* x_points,
+                                                  LineEdgeSpreadPoint* y_points,
+                                                  LineEdgeSpreadResultHeader* header) {
+  return nuvrix::compute_geometric_line_edge_spread(hits, hit_count, center_x, center_y,
+                                                    half_width, point_count, x_points, y_points,
+                                                    header);
+}
 
 // Zernike decomposition.
 

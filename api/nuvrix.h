@@ -175,6 +175,60 @@ typedef struct AimToStopResult {
 /* Spot diagrams and ray fans                                               */
 /* ------------------------------------------------------------------------ */
 
+/* One stored ray hit of a spot diagram. */
+typedef struct SpotRayHit {
+  double x;                 /* image-surface x, mm */
+  double y;                 /* image-surface y, mm */
+  int32_t wavelength_index; /* index of the wavelength in the caller's list */
+  int32_t valid;            /* always 1: only surviving rays are stored */
+} SpotRayHit;
+
+/* Spot statistics of one field point over all wavelengths.  The radii are
+ * measured from the chief ray of the primary wavelength and weighted by the
+ * wavelength weights; the centroid is the plain mean of all rays. */
+typedef struct SpotDiagramResult {
+  double rms_radius; /* root of the weighted mean squared distance from the chief ray */
+  double rms_x;      /* the same for the x differences alone */
+  double rms_y;      /* the same for the y differences alone */
+  double geo_radius; /* largest distance of any ray from the chief ray */
+  double chief_x;    /* chief ray on the image surface, primary wavelength */
+  double chief_y;
+  double centroid_x; /* unweighted mean of all rays of all wavelengths */
+  double centroid_y;
+  int32_t ray_count;   /* surviving rays, all wavelengths together */
+  int32_t field_index; /* the field asked for */
+} SpotDiagramResult;
+
+/* One sample of a transverse ray fan. */
+typedef struct RayFanPoint {
+  double pupil_coordinate;  /* normalised pupil coordinate, -1 to 1 */
+  double value;             /* transverse aberration, mm; 0 when not valid */
+  int32_t wavelength_index;
+  int32_t valid;            /* 1 when the ray survived */
+} RayFanPoint;
+
+typedef struct RayFanResultHeader {
+  int32_t field_index;
+  double max_abs_value;     /* largest |value| over both fans and all wavelengths; 0 if none */
+  int32_t tangential_count; /* tangential records written */
+  int32_t sagittal_count;   /* sagittal records written */
+} RayFanResultHeader;
+
+/* One sample of a pupil-aberration fan. */
+typedef struct PupilAberrationPoint {
+  double pupil_coordinate;  /* normalised pupil coordinate, -1 to 1 */
+  double value;             /* miss at the stop, percent of the stop radius; 0 when not valid */
+  int32_t wavelength_index;
+  int32_t valid;            /* 1 when the ray reached the stop */
+} PupilAberrationPoint;
+
+typedef struct PupilAberrationResultHeader {
+  int32_t field_index;
+  double max_abs_value;
+  int32_t tangential_count;
+  int32_t sagittal_count;
+} PupilAberrationResultHeader;
+
 /* ------------------------------------------------------------------------ */
 /* OPD fan and wavefront map                                                */
 /* ------------------------------------------------------------------------ */
@@ -252,6 +306,47 @@ typedef struct MtfVsFieldResult {
 /* ------------------------------------------------------------------------ */
 /* Geometric MTF, encircled energy, line and edge spread                    */
 /* ------------------------------------------------------------------------ */
+
+/* One frequency of a geometric MTF curve. */
+typedef struct GeometricMtfPoint {
+  double frequency;  /* cycles/mm */
+  double tangential; /* 0 .. 1 */
+  double sagittal;   /* 0 .. 1 */
+} GeometricMtfPoint;
+
+typedef struct GeometricMtfResult {
+  int32_t field_index;
+  int32_t wavelength_index; /* copied from the call; -1 when polychromatic */
+  int32_t point_count;      /* points written */
+  double max_frequency;     /* the larger cutoff, cycles/mm */
+} GeometricMtfResult;
+
+/* Encircled energy at one radius. */
+typedef struct EncircledEnergyPoint {
+  double radius; /* micrometres */
+  double energy; /* fraction 0 .. 1 */
+} EncircledEnergyPoint;
+
+typedef struct EncircledEnergyResultHeader {
+  int32_t point_count;      /* records: the requested count plus 1 */
+  int32_t field_index;      /* geometric: 0; diffraction: left to the caller */
+  int32_t wavelength_index; /* geometric: -1; diffraction: left to the caller */
+  double center_x;          /* centre of the circles, mm (see each export) */
+  double center_y;
+} EncircledEnergyResultHeader;
+
+/* Line and edge spread at one position of a profile. */
+typedef struct LineEdgeSpreadPoint {
+  double position;    /* micrometres from the centre */
+  double line_spread; /* 0 .. 1, largest bin 1 */
+  double edge_spread; /* 0 .. 1, running fraction of the kept hits */
+} LineEdgeSpreadPoint;
+
+typedef struct LineEdgeSpreadResultHeader {
+  int32_t point_count; /* the requested count plus 1, not limited */
+  double center_x;     /* mm */
+  double center_y;
+} LineEdgeSpreadResultHeader;
 
 /* ------------------------------------------------------------------------ */
 /* Zernike decomposition                                                    */
@@ -533,6 +628,62 @@ double nuvrix_compute_stop_radius(const SurfaceData* surfaces, int32_t n, const 
 
 /* Spot diagrams and ray fans: exports ------------------------------------ */
 
+/* Spot statistics of fields[field_index] over wavelength_count index rows
+ * (indices: wavelength_count rows of surface_count), radii weighted by
+ * weights[w], centroid unweighted.  pattern 1: hexapolar grid of grid_size
+ * rings (1 + 3 grid_size (grid_size + 1) rays a wavelength); any other value:
+ * rectangular grid of grid_size cell centres across, those outside the unit
+ * circle skipped.  Rays are traced unaimed unless config->ray_aiming is 1.
+ * Returns 0 (result filled), -1 (field_index out of range), -2 (the primary
+ * chief ray did not survive) or -3 (wavelength_count < 1, or no ray
+ * survived); result is untouched on a non-zero return.  Runs in parallel:
+ * the last digits may vary with the thread count. */
+int32_t nuvrix_compute_spot_diagram(const SurfaceData* surfaces, int32_t surface_count,
+                                    const double* indices, const double* weights,
+                                    int32_t wavelength_count, const SystemConfig* config,
+                                    const FieldData* fields, int32_t field_count,
+                                    int32_t field_index, int32_t grid_size, int32_t pattern,
+                                    SpotDiagramResult* result);
+
+/* As nuvrix_compute_spot_diagram, on the calling thread in a fixed order
+ * (reproducible bit for bit), and also storing the surviving rays into hits
+ * while fewer than hit_capacity are stored (capacity 0 is legal): per
+ * wavelength the central ray first, then ring by ring (row by row).  The
+ * number stored is the smaller of result->ray_count and hit_capacity. */
+int32_t nuvrix_compute_spot_diagram_with_rays(const SurfaceData* surfaces, int32_t surface_count,
+                                              const double* indices, const double* weights,
+                                              int32_t wavelength_count,
+                                              const SystemConfig* config,
+                                              const FieldData* fields, int32_t field_count,
+                                              int32_t field_index, int32_t grid_size,
+                                              int32_t pattern, SpotRayHit* hits,
+                                              int32_t hit_capacity, SpotDiagramResult* result);
+
+/* Tangential (pupil y) and sagittal (pupil x) transverse ray fans of
+ * point_count + 1 samples p = 2 i / point_count - 1 at every wavelength: the
+ * image-surface y (x) minus that of the primary chief ray.  Both arrays hold
+ * (point_count + 1) * wavelength_count records, sample i of wavelength w at
+ * i + (point_count + 1) w; point_count must be positive.  Returns 0, -1
+ * (field_index out of range) or -2 (the chief ray failed: nothing written). */
+int32_t nuvrix_compute_transverse_ray_fan(const SurfaceData* surfaces, int32_t surface_count,
+                                          const double* indices, int32_t wavelength_count,
+                                          const SystemConfig* config, const FieldData* fields,
+                                          int32_t field_count, int32_t field_index,
+                                          int32_t point_count, RayFanPoint* tangential,
+                                          RayFanPoint* sagittal, RayFanResultHeader* header);
+
+/* Pupil-aberration fans with the same sampling and layout: each unaimed ray
+ * is traced to the stop, value = (R p - h) * 100 / R with R the paraxial
+ * stop radius and h the ray's stop height (y tangential, x sagittal).
+ * Returns 0, -1 (field_index out of range) or -3 (R below 1e-15). */
+int32_t nuvrix_compute_pupil_aberration_fan(const SurfaceData* surfaces, int32_t surface_count,
+                                            const double* indices, int32_t wavelength_count,
+                                            const SystemConfig* config, const FieldData* fields,
+                                            int32_t field_count, int32_t field_index,
+                                            int32_t point_count, PupilAberrationPoint* tangential,
+                                            PupilAberrationPoint* sagittal,
+                                            PupilAberrationResultHeader* header);
+
 /* OPD fan and wavefront map: exports ------------------------------------- */
 
 /* OPD in waves (wavelengths in micrometres) of the field field_index over a
@@ -630,6 +781,96 @@ int32_t nuvrix_compute_fft_mtf_vs_field(
     int32_t field_count, double field_scale, double* map, int32_t* mask, double* real,
     double* imag, MtfVsFieldPoint* points, MtfVsFieldResult* result);
 /* Geometric MTF, encircled energy, line and edge spread: exports --------- */
+
+/* Geometric MTF of field field_index from ray hits alone, at the wavelength
+ * of the index row indices (also used for the launch and the chief ray):
+ * samples pupil samples across on the cell-centred rectangular grid, hits
+ * measured from the chief ray and binned into real (grid_size^2 doubles,
+ * grid_size a power of two) at a pitch that makes the spot's larger extent
+ * span 128 / 1.5 pixels.  imag is scratch of the same size.  Frequencies 0,
+ * 1, 2 ... cycles/mm, at most 101 (the curve stops at 100) and at most
+ * capacity points; a direction reads 0 beyond its own cutoff, and a non-zero
+ * apply_diffraction multiplies it by the diffraction-limited curve of that
+ * cutoff.  wavelength_index is only copied into the result.  Returns 0, -1
+ * (field_index out of range), -2 (chief ray failed) or -3 (at most 3 rays
+ * survived); result is untouched on a non-zero status. */
+int32_t nuvrix_compute_geometric_mtf(const SurfaceData* surfaces, int32_t surface_count,
+                                     const double* indices, const SystemConfig* config,
+                                     const FieldData* fields, int32_t field_count,
+                                     int32_t field_index, int32_t wavelength_index,
+                                     int32_t samples, int32_t apply_diffraction,
+                                     double tangential_cutoff, double sagittal_cutoff,
+                                     double* real, double* imag, int32_t grid_size,
+                                     GeometricMtfPoint* points, int32_t capacity,
+                                     GeometricMtfResult* result);
+
+/* The same over every wavelength (indices: one row per wavelength; launch
+ * set and chief ray at the primary wavelength).  Every ray of every
+ * wavelength counts the same: wavelengths and weights are not read.
+ * wavelength_index is -1 in the result.  Returns as above, with -3 also for
+ * wavelength_count below 1. */
+int32_t nuvrix_compute_geometric_mtf_polychromatic(
+    const SurfaceData* surfaces, int32_t surface_count, const double* indices,
+    const double* wavelengths, const double* weights, int32_t wavelength_count,
+    const SystemConfig* config, const FieldData* fields, int32_t field_count,
+    int32_t field_index, int32_t samples, int32_t apply_diffraction, double tangential_cutoff,
+    double sagittal_cutoff, double* real, double* imag, int32_t grid_size,
+    GeometricMtfPoint* points, int32_t capacity, GeometricMtfResult* result);
+
+/* Geometric MTF over field_count normalised fields (field_y =
+ * field_fractions[f] * field_scale) at frequency_count frequencies: each
+ * frequency reads the nearest point of the field's curve at cutoffs of 500
+ * cycles/mm, which stops at 100 cycles/mm.  fields and unused_count are not
+ * read.  points holds frequency_count * field_count records, frequency q of
+ * field f at q * field_count + f; a failed field reads 0.  Returns 0. */
+int32_t nuvrix_compute_geometric_mtf_vs_field(
+    const SurfaceData* surfaces, int32_t surface_count, const double* indices,
+    const SystemConfig* config, const FieldData* fields, int32_t unused_count,
+    int32_t wavelength_index, int32_t samples, int32_t apply_diffraction,
+    const double* frequencies, int32_t frequency_count, const double* field_fractions,
+    int32_t field_count, double field_scale, double* real, double* imag, int32_t grid_size,
+    MtfVsFieldPoint* points, MtfVsFieldResult* result);
+
+/* Encircled energy of a diffraction PSF of grid_size x grid_size pixels of
+ * pixel_pitch mm (as nuvrix_compute_fft_psf leaves it), in circles about
+ * its centroid, at point_count + 1 radii i max_radius / point_count
+ * (micrometres): a radial histogram of ten bins a pixel, at most 10240,
+ * read linearly between bins.  header receives point_count + 1 and, in
+ * center_x and center_y, the centroid's offset from the array centre in mm;
+ * its field_index and wavelength_index are left to the caller.  Returns 0. */
+int32_t nuvrix_compute_diffraction_encircled_energy(const double* psf, int32_t grid_size,
+                                                    double pixel_pitch, double max_radius,
+                                                    int32_t point_count,
+                                                    EncircledEnergyPoint* points,
+                                                    EncircledEnergyResultHeader* header);
+
+/* Encircled energy of ray hits (x, y in mm, e.g. from
+ * nuvrix_compute_spot_diagram_with_rays) in circles about (center_x,
+ * center_y) mm, at point_count + 1 radii i max_radius / point_count
+ * (micrometres): the fraction of the valid hits, at most the first 65536,
+ * within each radius; all hits count the same.  With hit_count below 1
+ * every radius and energy is 0; hits none of which is valid give energies
+ * that are not a number.  header: point_count + 1, field_index 0,
+ * wavelength_index -1, the centre.  Returns 0. */
+int32_t nuvrix_compute_geometric_encircled_energy(const SpotRayHit* hits, int32_t hit_count,
+                                                  double center_x, double center_y,
+                                                  double max_radius, int32_t point_count,
+                                                  EncircledEnergyPoint* points,
+                                                  EncircledEnergyResultHeader* header);
+
+/* Line and edge spread of the valid ray hits along x (x_points) and y
+ * (y_points) about (center_x, center_y) mm: histograms of point_count + 1
+ * bins of 2 half_width / point_count micrometres, bin i centred at
+ * i bin - half_width; line spread over the largest bin, edge spread the
+ * running fraction of the hits kept.  At most 2048 records are written to
+ * each array although header.point_count is point_count + 1 unlimited; keep
+ * point_count below 2048.  Returns 0. */
+int32_t nuvrix_compute_geometric_line_edge_spread(const SpotRayHit* hits, int32_t hit_count,
+                                                  double center_x, double center_y,
+                                                  double half_width, int32_t point_count,
+                                                  LineEdgeSpreadPoint* x_points,
+                                                  LineEdgeSpreadPoint* y_points,
+                                                  LineEdgeSpreadResultHeader* header);
 
 /* Zernike decomposition: exports ----------------------------------------- */
 
