@@ -35,9 +35,11 @@ void raise_max_abs(double& max_abs, double v) {
 
 // The fan ray through (px, py), launched for the paraxial entrance pupil
 // and traced without aim to the stop (to the last surface when the stop
-// index is 0 or less), its states kept in `history`.
-__attribute__((flatten)) RayTraceResult trace_to_stop(PupilFanRays const& f, double const* row,
-                                                      double px, double py, RayState* history) {
+// index is 0 or less), its states kept in `history`; inlined whole, as the
+// spot diagram's rays are.
+__attribute__((flatten, hot)) RayTraceResult trace_to_stop(PupilFanRays const& f,
+                                                           double const* row, double px,
+                                                           double py, RayState* history) {
   LaunchSet const& s = f.launch;
   detail::Launch const start = detail::fe_launch(f.surfaces, *f.config, s.field_value, 0.0,
                                                  s.pupil_radius, px, py,

@@ -209,12 +209,12 @@ void ordered_pass(SpotAccum& acc, int pattern, HitStore& store, int w) {
 
 }  // namespace
 
-__attribute__((flatten)) RayTraceResult trace_launch_ray(SurfaceData const* surfaces,
-                                                         int surface_count,
-                                                         double const* indices,
-                                                         SystemConfig const* config,
-                                                         LaunchSet const& launch, double px,
-                                                         double py) {
+// The whole front end and trace inlined into one copy with the constant
+// arguments folded (no history, no phase, image surface).  Marked hot so that
+// the compiler keeps every square root of that large body inline.
+__attribute__((flatten, hot)) RayTraceResult trace_launch_ray(
+    SurfaceData const* surfaces, int surface_count, double const* indices,
+    SystemConfig const* config, LaunchSet const& launch, double px, double py) {
   return trace_arbitrary_ray(surfaces, surface_count, indices, config, launch.field_value,
                              launch.pupil_radius, px, py, 0.0, launch.entrance_pupil_position,
                              launch.aim_flag, launch.stop_radius, 0, 0.0);
