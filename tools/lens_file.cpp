@@ -12,7 +12,10 @@ namespace {
 
 using nlohmann::json;
 
-constexpr double kInfinity = 1e10;  // thickness the engine reads as infinite
+// An infinite distance goes to the engine as a true infinity: the trace reads
+// 1e10 and beyond as infinite, but the wavefront analyses' launch counts only
+// a thickness that is not finite as an object at infinity.
+constexpr double kInfinity = HUGE_VAL;
 constexpr int kMaxSurfaces = 255;   // the full trace keeps the launch and 255 surfaces
 
 [[noreturn]] void fail(const std::string& what) { throw std::runtime_error(what); }
@@ -77,7 +80,7 @@ SurfaceRow read_surface(const json& j) {
   row.type = read_type(j);
   row.curvature = read_curvature(j);
   const double t = read_length(j.value("thickness", json(0.0)), "thickness");
-  row.thickness = std::isinf(t) ? std::copysign(kInfinity, t) : t;
+  row.thickness = t;
   row.conic = j.value("conic", 0.0);
   if (j.contains("glass")) read_glass(j["glass"], row);
   if (j.contains("coefficients")) row.coefficients = j["coefficients"].get<std::vector<double>>();

@@ -17,7 +17,7 @@ enum class Medium { kAir, kModelGlass, kIndexTable, kMirror };
 struct SurfaceRow {
   int type = NUVRIX_SURFACE_STANDARD;
   double curvature = 0.0;  // 1/mm, 0 for a plane
-  double thickness = 0.0;  // mm to the next vertex; 1e10 for infinity
+  double thickness = 0.0;  // mm to the next vertex; HUGE_VAL for infinity
   double conic = 0.0;
   Medium medium = Medium::kAir;
   double nd = 1.0, vd = 0.0, dpgf = 0.0;  // Medium::kModelGlass

@@ -49,5 +49,11 @@ int main(int argc, char** argv) {
   lensfile::print_seidel(lens);
   lensfile::print_focal_shift(lens);
   lensfile::print_solved_semi_diameters(lens);
+  lensfile::print_wavefront_quality(lens);
+  lensfile::print_diffraction_mtf(lens);
+  lensfile::print_zernike(lens);
+  lensfile::print_spots(lens);
+  lensfile::print_encircled_energy(lens);
+  lensfile::print_field_curves(lens);
   return 0;
 }

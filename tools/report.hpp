@@ -47,4 +47,27 @@ void print_aimed_rays(const Lens& lens);
 // wavelength, beside the lens file's own.
 void print_solved_semi_diameters(const Lens& lens);
 
+// Wavefront rms and peak-to-valley, Strehl ratio and PSF pitch of every
+// field at the primary wavelength.
+void print_wavefront_quality(const Lens& lens);
+
+// Tangential and sagittal diffraction MTF of every field at a few
+// frequencies up to the cutoff, at the primary wavelength and over all.
+void print_diffraction_mtf(const Lens& lens);
+
+// The first Zernike terms of every field's wavefront.
+void print_zernike(const Lens& lens);
+
+// Spot radii and centroid of every field over all wavelengths, and the
+// extremes of its transverse ray fans.
+void print_spots(const Lens& lens);
+
+// Radii of 50 % and 80 % encircled energy of every field, from the spot
+// diagram's ray hits and from the diffraction PSF.
+void print_encircled_energy(const Lens& lens);
+
+// Field curvature, distortion, relative illumination and lateral colour
+// from the axis to the largest field.
+void print_field_curves(const Lens& lens);
+
 }  // namespace lensfile
