@@ -1,8 +1,6 @@
-// Encircled energy and line/edge spread: the Airy pattern of a perfect
-// pupil against 1 - J0^2 - J1^2, circles about the centroid and the
-// reading between histogram bins, the uniform disc of a defocused ideal
-// lens against (r / a)^2 and the integral of its chord, and the edges of
-// every histogram.
+// Encircled energy and line/edge spread: the Airy pattern against
+// 1 - J0^2 - J1^2, the uniform disc of a defocused ideal lens against
+// (r / a)^2 and its chord integral, centroids, bins and record limits.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -79,15 +77,10 @@ struct DiscHits {
 }  // namespace
 
 TEST(EncircledEnergy, AiryPatternOfAPerfectPupilFollowsTheBesselForm) {
-  // PSF of a perfect pupil of N = 64 samples: pitch lambda F / 2, so
-  // v = pi r / (lambda F) = pi rho / 2 at rho pixels.  Each pixel counts at
-  // its centre, up to half a diagonal from its light, and the histogram
-  // adds a tenth of a pixel: the curve lies between the Airy energies at
-  // rho -+ 0.81, less the Airy tail beyond the array's half side of N
-  // pixels, 2 / (pi v) = 4 / (pi^2 N), which the periodic transform folds
-  // back in.  The pupil is symmetric, so only the unpaired first row and
-  // column (at most that tail) can pull the centroid off the centre, by at
-  // most N times the tail, 4 / pi^2 pixel.
+  // Pitch lambda F / 2: v = pi rho / 2 at rho pixels.  Pixels counted at
+  // their centres (half a diagonal) plus a tenth-pixel bin: between the Airy
+  // energies at rho -+ 0.81, less the folded-back tail 4 / (pi^2 N); the
+  // unpaired first row and column move the centroid at most 4 / pi^2 pixel.
   int const n = 64, side = 2 * n;
   nuvrix_test::PupilMap const m = nuvrix_test::perfect_disc(n);
   std::vector<double> real(side * side), imag(side * side), psf(side * side);
@@ -108,9 +101,9 @@ TEST(EncircledEnergy, AiryPatternOfAPerfectPupilFollowsTheBesselForm) {
 }
 
 TEST(EncircledEnergy, CirclesCentreOnTheCentroidAndReadBetweenBins) {
-  // Four unit pixels 3 pixels from (row 5, column 6) of a 16 x 16 array of
-  // 2 um pixels: all in bin 30, so the energy climbs linearly from bin 29 to
-  // 30, i.e. from 5.8 to 6 um, and the centre lies (-2, -3) pixels off.
+  // Four unit pixels 3 pixels (bin 30 of 0.2 um) about (row 5, column 6) of
+  // 16 x 16 pixels of 2 um: centre (-2, -3) pixels off, energy linear from
+  // 5.8 to 6 um.
   std::vector<double> psf(256, 0.0);
   for (int k : {5 * 16 + 3, 5 * 16 + 9, 2 * 16 + 6, 8 * 16 + 6}) psf[k] = 1.0;
   Curve c = diffraction(psf, 16, 0.002, 11.8, 2);
@@ -118,16 +111,14 @@ TEST(EncircledEnergy, CirclesCentreOnTheCentroidAndReadBetweenBins) {
   EXPECT_NEAR(c.h.center_y, -0.006, 1e-15);
   EXPECT_TRUE(c.p[0].energy == 0.0 && c.p[2].energy == 1.0 && c.p[3].radius == -1.0);
   EXPECT_NEAR(c.p[1].energy, 0.5, 1e-12);  // 5.9 um
-  // An all-zero PSF: no offset, and nothing until the last bin limit
-  // (nb - 1 = 79 bins of 0.1 um), where the energy is 1.
+  // All-zero PSF: no offset, 0 until the last bin limit (79 bins of 0.1 um).
   std::fill(psf.begin(), psf.end(), 0.0);
   c = diffraction(psf, 8, 0.001, 15.9, 2);
   EXPECT_TRUE(c.h.center_x == 0.0 && c.h.center_y == 0.0);
   EXPECT_TRUE(c.p[0].energy == 0.0 && c.p[1].energy == 1.0 && c.p[2].energy == 1.0);  // 7.95 um
   EXPECT_EQ(diffraction(psf, 8, 0.001, 7.85, 1).p[1].energy, 0.0);
-  // 2048 pixels would give 20480 bins, but at most 10240 are kept: two
-  // corner pixels 1447 pixels from their centroid are dropped, and the
-  // energy turns 1 at bin 10239, 1023.9 pixels, not 2047.9.
+  // 2048 pixels would give 20480 bins, 10240 are kept: two corners 1447
+  // pixels out are dropped, and the energy turns 1 at 1023.9 pixels.
   int const big = 2048;
   std::vector<double> corners(static_cast<size_t>(big) * big, 0.0);
   corners.front() = corners.back() = 1.0;
@@ -136,11 +127,13 @@ TEST(EncircledEnergy, CirclesCentreOnTheCentroidAndReadBetweenBins) {
   EXPECT_EQ(c.p[11].energy, 1.0);
 }
 
-TEST(EncircledEnergy, UniformDiscOfHitsGrowsAsTheSquaredRadius) {
-  // Ring r of R holds 6 r hits at radius r / R: the hits inside ring k are
-  // 1 + 3 k (k + 1), so the count follows (r / a)^2 to within 2 / R.
+TEST(EncircledEnergy, UniformDiscOfHitsFollowsSquaredRadiusAndChordIntegral) {
+  // Ring r of R holds 6 r hits at radius r / R: inside ring k lie
+  // 1 + 3 k (k + 1), so the count follows (r / a)^2 to within 2 / R, and
+  // exactly 1 past a: an added invalid hit, however far, counts nowhere.
   int const rings = 100;
-  DiscHits const d(rings);
+  DiscHits d(rings);
+  d.hits.push_back(SpotRayHit{1.0, 1.0, 0, 0});
   double const a = nuvrix_test::kA * 1000.0;  // 200 um
   Curve const c = geometric(d.hits, d.spot.chief_x, d.spot.chief_y, 1.5 * a, 150);
   EXPECT_TRUE(c.h.point_count == 151 && c.h.field_index == 0 && c.h.wavelength_index == -1);
@@ -149,13 +142,25 @@ TEST(EncircledEnergy, UniformDiscOfHitsGrowsAsTheSquaredRadius) {
     double const r = i * 0.01 * a;
     EXPECT_NEAR(c.p[i].radius, r, 1e-12);
     double const inside = i <= 100 ? (r / a) * (r / a) : 1.0;
-    EXPECT_NEAR(c.p[i].energy, inside, i <= 100 ? 2.0 / rings : 0.0) << i;  // exactly 1 past a
+    EXPECT_NEAR(c.p[i].energy, inside, i <= 100 ? 2.0 / rings : 0.0) << i;
   }
-  // Invalid hits, however far, count nowhere.
-  std::vector<SpotRayHit> more = d.hits;
-  more.push_back(SpotRayHit{1.0, 1.0, 0, 0});
-  Curve const m = geometric(more, d.spot.chief_x, d.spot.chief_y, 1.5 * a, 150);
-  for (int i = 0; i <= 150; ++i) EXPECT_EQ(m.p[i].energy, c.p[i].energy);
+  // Edge spread: the disc left of x is 1/2 + (u sqrt(1 - u^2) + asin u) / pi,
+  // u = x / a, read at the bin's upper edge; each ring misplaces at most one
+  // hit across a line, rings 1 / R apart: within 2 / R.
+  Profiles const o = spread(d.hits, d.spot.chief_x, d.spot.chief_y, 250.0, 125, 126);
+  EXPECT_TRUE(o.h.point_count == 126 && o.h.center_x == d.spot.chief_x);
+  double peak_x = 0.0, peak_y = 0.0;
+  for (int i = 0; i <= 125; ++i) {
+    double const u = std::min(1.0, std::max(-1.0, (o.x[i].position + 2.0) / a));
+    double const edge = 0.5 + (u * std::sqrt(1.0 - u * u) + std::asin(u)) / M_PI;
+    EXPECT_NEAR(o.x[i].position, 4.0 * i - 250.0, 1e-12);
+    EXPECT_NEAR(o.x[i].edge_spread, edge, 2.0 / rings) << i;
+    EXPECT_NEAR(o.y[i].edge_spread, edge, 2.0 / rings) << i;
+    peak_x = std::max(peak_x, o.x[i].line_spread);
+    peak_y = std::max(peak_y, o.y[i].line_spread);
+  }
+  EXPECT_TRUE(peak_x == 1.0 && peak_y == 1.0);  // normalised to the peak exactly
+  EXPECT_TRUE(o.x[125].edge_spread == 1.0 && o.y[125].edge_spread == 1.0);
 }
 
 TEST(EncircledEnergy, GeometricEdgeCases) {
@@ -177,36 +182,10 @@ TEST(EncircledEnergy, GeometricEdgeCases) {
   EXPECT_TRUE(c.h.point_count == 0 && c.p[0].radius == -1.0);
 }
 
-TEST(LineEdgeSpread, DiscProfilesFollowTheChordIntegral) {
-  // The fraction of a uniform disc left of x is 1/2 + (u sqrt(1 - u^2) +
-  // asin u) / pi, u = x / a.  The running sum up to bin i counts the hits
-  // up to its upper edge, position + bin / 2.  Each ring of the hexapolar
-  // grid misplaces at most one of its hits across a line, and the rings
-  // stand 1 / R apart: within 2 / R.
-  int const rings = 100;
-  DiscHits const d(rings);
-  double const a = nuvrix_test::kA * 1000.0;
-  Profiles const o = spread(d.hits, d.spot.chief_x, d.spot.chief_y, 250.0, 125, 126);
-  EXPECT_TRUE(o.h.point_count == 126 && o.h.center_x == d.spot.chief_x);
-  double peak_x = 0.0, peak_y = 0.0;
-  for (int i = 0; i <= 125; ++i) {
-    double const u = std::min(1.0, std::max(-1.0, (o.x[i].position + 2.0) / a));
-    double const edge = 0.5 + (u * std::sqrt(1.0 - u * u) + std::asin(u)) / M_PI;
-    EXPECT_NEAR(o.x[i].position, 4.0 * i - 250.0, 1e-12);
-    EXPECT_NEAR(o.x[i].edge_spread, edge, 2.0 / rings) << i;
-    EXPECT_NEAR(o.y[i].edge_spread, edge, 2.0 / rings) << i;
-    peak_x = std::max(peak_x, o.x[i].line_spread);
-    peak_y = std::max(peak_y, o.y[i].line_spread);
-  }
-  EXPECT_TRUE(peak_x == 1.0 && peak_y == 1.0);  // normalised to the peak exactly
-  EXPECT_TRUE(o.x[125].edge_spread == 1.0 && o.y[125].edge_spread == 1.0);
-}
-
 TEST(LineEdgeSpread, BinEdgesIgnoredHitsAndTheRecordLimit) {
-  // Window +-10 um in 2 um bins centred at -10, -8, ... 10.  Along x: 1.4
-  // um below the window still rounds into bin 0, 3.2 um below is dropped,
-  // 0 goes to bin 5, 10.9 um to bin 10, 11.1 um is dropped; the invalid
-  // hit is ignored.  Along y all five valid hits sit in bin 5.
+  // +-10 um in 2 um bins: along x -11.4 rounds into bin 0, -13.2 and 11.1
+  // are dropped, 10.9 lands in bin 10, the invalid hit is ignored; along y
+  // all valid hits sit in bin 5.
   std::vector<SpotRayHit> hits = {{-0.0114, 0.0, 0, 1}, {-0.0132, 0.0, 0, 1}, {0.0, 0.0, 0, 1},
                                   {0.0109, 0.0, 0, 1},  {0.0111, 0.0, 0, 1},  {0.005, 0.0, 0, 0}};
   Profiles o = spread(hits, 0.0, 0.0, 10.0, 10, 12);
@@ -219,8 +198,8 @@ TEST(LineEdgeSpread, BinEdgesIgnoredHitsAndTheRecordLimit) {
     EXPECT_EQ(o.y[i].edge_spread, i < 5 ? 0.0 : 1.0) << i;
   }
   EXPECT_EQ(o.x[11].position, -1.0);
-  // 3000 bins are asked for: the header says 3001, but only 2048 records
-  // are written, covering -3000 to 1094 um; a hit at +2000 um is dropped.
+  // 3000 bins asked for: header 3001, but only 2048 records (-3000 to 1094
+  // um) are written; a hit at +2000 um is dropped.
   hits = {{0.0, 0.0, 0, 1}, {2.0, 0.0, 0, 1}};
   o = spread(hits, 0.0, 0.0, 3000.0, 3000, 3001);
   EXPECT_EQ(o.h.point_count, 3001);

@@ -1,8 +1,6 @@
-// Geometric MTF from ray hits: a point image, the uniform disc of a
-// defocused ideal lens against the transform of a disc (2 J1(v) / v), the
-// binned and the ray-sum methods against each other, the diffraction
-// factor, the frequency axis, rays beyond the image array, statuses, the
-// polychromatic sum of two focuses and the field scan.
+// Geometric MTF from ray hits: a point image, the uniform disc of a defocused
+// ideal lens against 2 J1(v) / v, binned against ray-sum, the diffraction
+// factor, the frequency axis, statuses, two focuses and the field scan.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,13 +15,10 @@ using nuvrix_test::System;
 
 namespace {
 
-// Ideal lens of f 100 mm, stop on it, pupil radius 10 mm, image plane
-// `delta` beyond the focus.  Behind an ideal lens a ray at pupil height h
-// lands at h (1 - D / (n' f)) + D tan(field): every beam fills a uniform
-// disc of radius 10 |1 - D / (n' f)| about its chief ray (D = 100 + delta,
-// n' the index of image space).  A positive `hole` puts a plane with a hard
-// aperture of that radius 50 mm behind the lens, where the beam has a
-// radius of 5 mm about 50 tan(field).
+// Ideal lens f 100 mm, stop on it, pupil radius 10 mm, image plane `delta`
+// beyond focus: each beam fills a uniform disc of radius 10 |1 - D / (n' f)|
+// about its chief ray (D = 100 + delta).  A positive `hole` adds a plane 50
+// mm behind the lens with a hard aperture of that radius.
 struct Lens {
   System sys;
   SystemConfig cfg = opd_test::pupil_at_first_surface(10.0);
@@ -110,9 +105,9 @@ double pixel_frequency(double spread, int grid) { return 128.0 / (1.5 * grid * s
 
 }  // namespace
 
-TEST(GeometricMtf, PointImageKeepsFullModulationAtEveryFrequency) {
-  // A paraboloid on axis focuses every ray to one point (spread ~1e-13 mm,
-  // below 1e-6): one bin, whose transform has the same modulus everywhere.
+TEST(GeometricMtf, PointImageKeepsFullModulationOrTheDiffractionFactor) {
+  // A paraboloid on axis focuses every ray to one point (spread below
+  // 1e-6 mm): one bin, whose transform has modulus 1 everywhere.
   System const mirror = opd_test::paraboloid(100.0, 0.0);
   SystemConfig const cfg = opd_test::pupil_at_first_surface(10.0);
   Binned const b = binned(mirror, cfg, 0.0, 32, 64, 100.0, 100.0);
@@ -131,26 +126,20 @@ TEST(GeometricMtf, PointImageKeepsFullModulationAtEveryFrequency) {
     EXPECT_NEAR(k.s[i], 1.0, 1e-9);
   }
   EXPECT_EQ(k.f[51], -1.0);  // frequency_steps + 1 points only
-}
-
-TEST(GeometricMtf, DiffractionFactorMultipliesByTheLimitOfEachCutoff) {
-  // On a point image the MTF is 1, so what is left is the factor itself:
-  // the limited curve of its own cutoff in each direction, 0 from it on.
-  System const mirror = opd_test::paraboloid(100.0, 0.0);
-  SystemConfig const cfg = opd_test::pupil_at_first_surface(10.0);
-  Binned const b = binned(mirror, cfg, 0.0, 32, 64, 80.0, 50.0, 1);
-  ASSERT_EQ(b.r.point_count, 81);
+  // With the diffraction factor only the factor is left: the limited curve
+  // of each direction's cutoff (max_frequency for the ray sum), 0 from it on.
+  Binned const d = binned(mirror, cfg, 0.0, 32, 64, 80.0, 50.0, 1);
+  ASSERT_EQ(d.r.point_count, 81);
   for (int f = 0; f <= 80; ++f) {
-    EXPECT_NEAR(b.p[f].tangential, diffraction_limit(f / 80.0), 1e-12) << f;
-    EXPECT_NEAR(b.p[f].sagittal, diffraction_limit(f / 50.0), 1e-12) << f;
+    EXPECT_NEAR(d.p[f].tangential, diffraction_limit(f / 80.0), 1e-12) << f;
+    EXPECT_NEAR(d.p[f].sagittal, diffraction_limit(f / 50.0), 1e-12) << f;
   }
-  // The ray-sum method takes max_frequency as the cutoff.
-  RaySum const k = ray_sum(mirror, cfg, 0.0, 10, 60.0, 12, 1);
+  RaySum const kd = ray_sum(mirror, cfg, 0.0, 10, 60.0, 12, 1);
   for (int i = 0; i <= 12; ++i) {
-    EXPECT_NEAR(k.t[i], diffraction_limit(i / 12.0), 1e-9) << i;
-    EXPECT_NEAR(k.s[i], diffraction_limit(i / 12.0), 1e-9) << i;
+    EXPECT_NEAR(kd.t[i], diffraction_limit(i / 12.0), 1e-9) << i;
+    EXPECT_NEAR(kd.s[i], diffraction_limit(i / 12.0), 1e-9) << i;
   }
-  EXPECT_EQ(k.t[12], 0.0);
+  EXPECT_EQ(kd.t[12], 0.0);
 }
 
 TEST(GeometricMtf, FrequencyAxisStopsAtTheCutoffsAtOneHundredAndAtCapacity) {
@@ -182,10 +171,9 @@ TEST(GeometricMtf, FrequencyAxisStopsAtTheCutoffsAtOneHundredAndAtCapacity) {
 }
 
 TEST(GeometricMtf, ZeroFrequencyIsOneAndRaysBeyondTheArrayStillCount) {
-  // Cooke triplet, EPD 10: whatever the spot, the zero frequency is 1, and
-  // the transform there is the number of rays binned.  An array of 16
-  // pixels is far smaller than the 85 pixels that the spread spans: the
-  // rays beyond it pile up on its edges and are all still counted.
+  // Cooke triplet: the zero frequency is 1 and the transform there counts
+  // every ray, even on 16 pixels against a spread of 85 (rays pile up on
+  // the edges).
   System const cooke = nuvrix_test::cooke_triplet();
   SystemConfig cfg = opd_test::pupil_at_first_surface(5.0);
   cfg.stop_surface = nuvrix_test::kCookeStop;
@@ -203,11 +191,9 @@ TEST(GeometricMtf, ZeroFrequencyIsOneAndRaysBeyondTheArrayStillCount) {
 }
 
 TEST(GeometricMtf, RaySumOfAUniformDiscIsTheBesselCurve) {
-  // Defocus 0.5 mm: a disc of a = 0.05 mm.  The rings are the outer edges
-  // of equal-area annuli, a right-hand sum over u = rho^2 of J0(v sqrt u):
-  // its error is about (1 - J0(v)) / (2 rings) <= 0.7 / rings.  On axis a
-  // ring has rings / 2 rays, whose azimuthal alias 2 J_(rings/2)(v) stays
-  // below 1e-5 for v = 2 pi f a <= 31.4 from 50 rays on.
+  // Disc a = 0.05 mm.  The rings sum J0(v sqrt u) over equal-area annuli,
+  // off by (1 - J0(v)) / (2 rings) <= 0.7 / rings; the azimuthal alias of
+  // rings / 2 rays stays below 1e-5 for v <= 31.4.
   Lens const lens(0.5);
   double const a = 0.05;
   double worst[2] = {0.0, 0.0};
@@ -222,9 +208,8 @@ TEST(GeometricMtf, RaySumOfAUniformDiscIsTheBesselCurve) {
     EXPECT_LT(worst[r], 1.0 / rings[r]) << rings[r];
   }
   EXPECT_LT(worst[1], worst[0]);
-  // 300 rings of 150 rays would make 45000 hits: tracing stops at 20000,
-  // 133 rings and a third.  What is left is the disc of radius
-  // a sqrt(133.3 / 300), to 1 / 133 and the 50 rays of the part ring.
+  // 300 rings of 150 rays stop at 20000 hits, 133 1/3 rings: the disc of
+  // radius a sqrt(133.3 / 300), to 1 / 133 and the 50 rays of the part ring.
   RaySum const k = ray_sum(lens.sys, lens.cfg, 0.0, 300, 100.0, 100);
   double const inner = a * std::sqrt(20000.0 / 150.0 / 300.0);
   for (int i = 0; i <= 100; ++i) {
@@ -234,17 +219,10 @@ TEST(GeometricMtf, RaySumOfAUniformDiscIsTheBesselCurve) {
 }
 
 TEST(GeometricMtf, BinnedAndRaySumAgreeWithinTheBinning) {
-  // The binned curve reads pixel round(f / df) of the transform with no
-  // interpolation; the ray sum is evaluated at those pixel frequencies.
-  // What remains is the binning: each hit moves to its pixel centre, which
-  // blurs by a box of one pixel p, 1 - sinc(pi f p) <= 0.025 at 100
-  // cycles/mm, plus the two pupil samplings (grid of 128 across against 100
-  // cycles/mm, and the two pupil samplings: the rim of a grid of S across
-  // moves at most about pi S rim samples of weight 4 / (pi S^2) in or out,
-  // 2 / S, and the rings' right-hand sum is off by (1 - J0(v)) / (2 R) <=
-  // 0.7 / R.  Two spots: the 0.05 mm disc on axis, and at 5 degrees the
-  // same disc bitten off in y by an 8 mm hole (beam centred at 4.37 mm):
-  // tangential and sagittal differ there.
+  // The binned curve reads pixel round(f / df); the ray sum is taken at those
+  // frequencies.  Left: the pixel box 1 - sinc(pi f p), the grid rim 2 / S
+  // and the rings 0.7 / R.  Spots: the 0.05 mm disc on axis, and at 5
+  // degrees the disc bitten off in y by the 8 mm hole (T and S differ).
   Lens disc(0.5), bitten(0.5, 8.0);
   int const grid = 256, S = 128, R = 100;
   double const spread = 2.0 * 0.05 * (2.0 * (S - 0.5) / S - 1.0);  // x extent of both spots
@@ -291,14 +269,11 @@ TEST(GeometricMtf, StatusesAndUntouchedResults) {
                                                 fd, 2, index, 0.55, rings, 50.0, 3, 0, f.data(),
                                                 t.data(), g.data());
   };
-  EXPECT_TRUE(bin(-1, 8, 1) == -1 && bin(2, 8, 1) == -1 && sum(2, 8) == -1);
-  EXPECT_EQ(bin(2, 8, 0), -1);
+  EXPECT_TRUE(bin(-1, 8, 1) == -1 && bin(2, 8, 1) == -1 && sum(2, 8) == -1 && bin(2, 8, 0) == -1);
   EXPECT_TRUE(bin(0, 1, 1) == -3 && bin(0, 8, 0) == -3 && sum(0, 0) == -3);  // one ray; none
-  // The 30 degree chief ray meets the plane 50 tan 30 = 29 mm off axis,
-  // beyond its 8 mm hole.
+  // The 30 degree chief ray meets the plane 29 mm off axis, past its hole.
   EXPECT_TRUE(bin(1, 8, 1) == -2 && sum(1, 8) == -2);
-  // A 0.5 mm hole in the lens passes the chief ray and nothing of a grid
-  // of 8 or of 4 rings.
+  // A 0.5 mm hole in the lens passes the chief ray only.
   lens.sys.surfaces[1].aperture_radius = 0.5;
   EXPECT_TRUE(bin(0, 8, 1) == -3 && sum(0, 4) == -3);
   EXPECT_TRUE(r.point_count == -7 && r.field_index == -7 && f[0] == -1.0);
@@ -307,12 +282,9 @@ TEST(GeometricMtf, StatusesAndUntouchedResults) {
 }
 
 TEST(GeometricMtfPolychromatic, TwoFocusesAddTheirTransfers) {
-  // Image space of index 1.002 in the second row moves its focus to
-  // 100.2 mm: discs of 0.05 and 0.02994 mm about one chief ray, equally
-  // many rays.  The binned curve is the mean of the two signed disc
-  // transforms at the pixel read, within the box and the rim 2 / S of the
-  // test above.
-  // Weights and wavelengths are not read (null here).
+  // Image index 1.002 in row 2 moves its focus to 100.2 mm: discs of 0.05
+  // and 0.02994 mm, equally many rays; the mean of the signed disc
+  // transforms within box and rim.  Weights and wavelengths are not read.
   Lens lens(0.5);
   lens.sys.indices.insert(lens.sys.indices.end(), {1.0, 1.002, 1.002});
   double const a2 = 10.0 * std::fabs(1.0 - 100.5 / 100.2);
@@ -342,10 +314,9 @@ TEST(GeometricMtfPolychromatic, TwoFocusesAddTheirTransfers) {
 }
 
 TEST(GeometricMtfVsField, RecordsReadTheNearestPointOfEachFieldCurve) {
-  // Fractions 0, 1 (30 degrees: the chief ray fails on the 8 mm hole, so
-  // the field reads 0) and 0.1 of 30 degrees.  The curve of a field has
-  // cutoffs of 500 and stops at 100: 250 cycles/mm reads 100, and 37.5
-  // the first of the two nearest, 37.
+  // Fractions 0, 1 (chief ray fails on the 8 mm hole: reads 0) and 0.1 of
+  // 30 degrees; each curve has cutoffs 500 and stops at 100, so 250 reads
+  // 100 and 37.5 the first nearest, 37.
   Lens lens(0.5, 8.0);
   double const fractions[3] = {0.0, 1.0, 0.1}, freqs[4] = {0.0, 12.4, 37.5, 250.0};
   int const nearest[4] = {0, 12, 37, 100}, grid = 128;
