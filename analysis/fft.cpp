@@ -159,6 +159,16 @@ PistonTiltPlane fit_piston_tilt(double const* map, int const* mask, int grid_siz
   return detail::plane_from_sums(accumulate_plane_sums(map, mask, grid_size));
 }
 
+PistonTiltPlane set_padded_pupil(double const* map, int const* mask, int grid_size,
+                                 double* real, double* imag) {
+  long const side = 2L * grid_size;
+  PistonTiltPlane const plane = fit_piston_tilt(map, mask, grid_size);
+  zero_array(real, side * side);
+  zero_array(imag, side * side);
+  fill_pupil_phase(map, mask, grid_size, plane, real, imag);
+  return plane;
+}
+
 void fill_pupil_phase(double const* map, int const* mask, int grid_size,
                       PistonTiltPlane const& plane, double* real, double* imag) {
 #pragma omp parallel

@@ -60,6 +60,13 @@ PistonTiltPlane fit_piston_tilt(double const* map, int const* mask, int grid_siz
 void fill_pupil_phase(double const* map, int const* mask, int grid_size,
                       PistonTiltPlane const& plane, double* real, double* imag);
 
+// The padded pupil function of a map, piston and tilt removed so that its
+// PSF stays centred: fits the plane, zeroes both arrays of side 2 grid_size
+// and fills the pupil phases into their middle.  Returns the plane, whose
+// count is the number of valid samples.
+PistonTiltPlane set_padded_pupil(double const* map, int const* mask, int grid_size,
+                                 double* real, double* imag);
+
 // Zeroes `count` doubles on the calling thread.
 void zero_array(double* data, long count);
 

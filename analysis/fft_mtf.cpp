@@ -88,10 +88,7 @@ int compute_fft_mtf_from_wavefront(double const* map, int const* mask, int grid_
   int const n = grid_size;
   int const side = 2 * n;
   long const area = static_cast<long>(side) * side;
-  PistonTiltPlane const plane = fit_piston_tilt(map, mask, n);
-  zero_array(real, area);
-  zero_array(imag, area);
-  fill_pupil_phase(map, mask, n, plane, real, imag);
+  set_padded_pupil(map, mask, n, real, imag);
   // PSF (unshifted), centred, then transformed back to the OTF.
   fft_2d(real, imag, side, false);
   detail::squared_modulus_in_place(real, imag, area);

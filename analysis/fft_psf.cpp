@@ -46,10 +46,7 @@ int compute_fft_psf(double const* map, int const* mask, int grid_size, double wa
   long const area = static_cast<long>(side) * side;
   // Pupil function in the middle of the padded array, piston and tilt
   // removed so that the PSF stays centred.
-  PistonTiltPlane const plane = fit_piston_tilt(map, mask, n);
-  zero_array(real, area);
-  zero_array(imag, area);
-  fill_pupil_phase(map, mask, n, plane, real, imag);
+  PistonTiltPlane const plane = set_padded_pupil(map, mask, n, real, imag);
   fft_2d(real, imag, side, false);
   double const peak = squared_modulus_with_peak(real, imag, psf, area);
   fft_shift_2d(psf, side);

@@ -232,13 +232,7 @@ NUVRIX_HD RayTraceResult trace_ray_robust_offset(SurfaceData const* surfaces, in
     }
   }
 
-  RayTraceResult res = {};
-  rt_put_state(res, ray, 0);
-  res.opl = ray.opl;
-  res.phase_waves = phase;
-  res.valid = 1;
-  res.states_written = count;
-  return res;
+  return rt_success(ray, phase, count, 0);
 }
 
 }  // namespace nuvrix

@@ -217,6 +217,20 @@ NUVRIX_HD void rt_path_step(RayStateT<double>& ray, double& phase, double xo, do
   if (with_phase) phase += d * 1000.0 * n1 / wave_um;
 }
 
+// The result of a ray that reached its last surface; failed_surface is -1
+// for the ordinary trace and stays 0 for the robust offset trace.
+NUVRIX_HD RayTraceResult rt_success(RayStateT<double> const& ray, double phase,
+                                    int states_written, int failed_surface) {
+  RayTraceResult res = {};
+  rt_put_state(res, ray, 0);
+  res.opl = ray.opl;
+  res.phase_waves = phase;
+  res.valid = 1;
+  res.states_written = states_written;
+  res.failed_surface = failed_surface;
+  return res;
+}
+
 // Traces one ray from (x, y, 0) with direction (l, m, n), given in the frame
 // of surface start_surface - 1, through surfaces start_surface ..
 // last_surface (below 1: the image surface).  With `states`, slot 0 gets the
@@ -321,15 +335,7 @@ NUVRIX_HD RayTraceResult rt_trace_impl(SurfaceData const* surfaces, int surface_
     n1 = n2;
   }
 
-  RayTraceResult res = {};
-  rt_put_state(res, ray, 0);
-  res.opl = ray.opl;
-  res.phase_waves = phase;
-  res.valid = 1;
-  res.states_written = count;
-  res.failed_surface = -1;
-  res.violation = 0.0;
-  return res;
+  return rt_success(ray, phase, count, -1);
 }
 
 }  // namespace detail
