@@ -85,6 +85,8 @@ int compute_fft_mtf_from_wavefront(double const* map, int const* mask, int grid_
                                    double tangential_cutoff, double sagittal_cutoff,
                                    double frequency_step, double* real, double* imag,
                                    FftMtfPoint* points, int capacity, FftMtfResult* result) {
+  // A grid of no samples has no transform and no zero frequency to read.
+  if (grid_size < 1) return -1;
   int const n = grid_size;
   int const side = 2 * n;
   long const area = static_cast<long>(side) * side;
@@ -118,10 +120,13 @@ int compute_fft_mtf(SurfaceData const* surfaces, int surface_count, double const
                                            wavelength, config, fields, field_count, field_index,
                                            grid_size, reference_radius, map, mask, &wavefront);
   if (status != 0) return status;
+  int const mtf_status =
+      compute_fft_mtf_from_wavefront(map, mask, grid_size, tangential_cutoff, sagittal_cutoff,
+                                     frequency_step, real, imag, points, capacity, result);
+  if (mtf_status != 0) return mtf_status;
   result->field_index = field_index;
   result->wavelength_index = -1;
-  return compute_fft_mtf_from_wavefront(map, mask, grid_size, tangential_cutoff, sagittal_cutoff,
-                                        frequency_step, real, imag, points, capacity, result);
+  return 0;
 }
 
 namespace {
@@ -311,7 +316,7 @@ int compute_fft_mtf_polychromatic_from_wavefronts(
     int wavelength_count, double const* weights, double tangential_cutoff, double sagittal_cutoff,
     double f_number, double frequency_step, double* real, double* imag, double* accum_real,
     double* accum_imag, FftMtfPoint* points, int capacity, FftMtfResult* result) {
-  if (wavelength_count < 1) return -1;
+  if (wavelength_count < 1 || grid_size < 1) return -1;
   double const total = weight_total(weights, wavelength_count);
   if (total < kSmallWeight) return -1;
   int const n = grid_size;
@@ -364,7 +369,7 @@ int compute_fft_mtf_polychromatic(SurfaceData const* surfaces, int surface_count
       maps, masks, grid_size, wavelengths, wavelength_count, weights, tangential_cutoff,
       sagittal_cutoff, f_number, frequency_step, real, imag, accum_real, accum_imag, points,
       capacity, result);
-  result->field_index = field_index;
+  if (status == 0) result->field_index = field_index;
   return status;
 }
 

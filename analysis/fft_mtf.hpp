@@ -13,7 +13,8 @@ namespace nuvrix {
 // columns (pupil x).  Frequencies 0, frequency_step, ... up to the larger
 // cutoff, at most `capacity` points.  real and imag: (2 grid_size)^2
 // doubles of scratch; grid_size a power of two, as the radix-2 transform
-// needs.  Sets point_count and max_frequency; returns 0.
+// needs.  Sets point_count and max_frequency; returns 0, or -1 with nothing
+// touched when grid_size < 1 (no sample, no transform).
 int compute_fft_mtf_from_wavefront(double const* map, int const* mask, int grid_size,
                                    double tangential_cutoff, double sagittal_cutoff,
                                    double frequency_step, double* real, double* imag,
@@ -21,7 +22,7 @@ int compute_fft_mtf_from_wavefront(double const* map, int const* mask, int grid_
 
 // The wavefront map of field `field_index` at `wavelength` (micrometres,
 // index row `indices`) and its MTF.  A non-zero map status is returned
-// unchanged with `result` untouched.
+// unchanged with `result` untouched, and so is -1 for grid_size < 1.
 int compute_fft_mtf(SurfaceData const* surfaces, int surface_count, double const* indices,
                     double const* primary_indices, double wavelength, SystemConfig const* config,
                     FieldData const* fields, int field_count, int field_index, int grid_size,
@@ -35,8 +36,8 @@ int compute_fft_mtf(SurfaceData const* surfaces, int surface_count, double const
 // piston per wavelength; the complex OTFs are rescaled to the shortest
 // wavelength and summed.  real, imag, accum_real, accum_imag: (2 N)^2
 // doubles each.  Sets point_count, max_frequency and wavelength_index -1.
-// Returns -1 when wavelength_count < 1 or the weights sum below 1e-15
-// (result untouched), else 0.
+// Returns -1 when wavelength_count < 1, grid_size < 1 or the weights sum
+// below 1e-15 (result untouched), else 0.
 int compute_fft_mtf_polychromatic_from_wavefronts(
     double const* maps, int const* masks, int grid_size, double const* wavelengths,
     int wavelength_count, double const* weights, double tangential_cutoff, double sagittal_cutoff,
@@ -45,7 +46,8 @@ int compute_fft_mtf_polychromatic_from_wavefronts(
 
 // The wavefront map of every wavelength (row k of the index table
 // `indices`) and their polychromatic MTF.  Returns -1 for no wavelength or
-// weights summing below 1e-15, the first non-zero map status, or 0.
+// weights summing below 1e-15, the first non-zero map status, -1 for
+// grid_size < 1, or 0; result is untouched on a non-zero status.
 int compute_fft_mtf_polychromatic(SurfaceData const* surfaces, int surface_count,
                                   double const* indices, double const* primary_indices,
                                   double const* wavelengths, int wavelength_count,

@@ -57,12 +57,14 @@ RayTraceResult trace_grid_ray(GridPass const& pass, double px, double py) {
                              s.entrance_pupil_position, s.aim_flag, s.stop_radius, 0, 0.0);
 }
 
-// Checks the field, computes the launch set from `primary_row` and traces
+// Checks the field and the grid, computes the launch set from `primary_row` and traces
 // the chief ray with it.  Returns 0, -1 or -2.
 int prepare_pass(SurfaceData const* surfaces, int surface_count, double const* primary_row,
                  SystemConfig const* config, FieldData const* fields, int field_count,
-                 int field_index, int samples, GridPass& pass) {
+                 int field_index, int samples, int grid_size, GridPass& pass) {
   if (field_index < 0 || field_index >= field_count) return -1;
+  // A grid of no bins has nowhere to put a hit: a bad argument.
+  if (grid_size < 1) return -1;
   pass.surfaces = surfaces;
   pass.surface_count = surface_count;
   pass.indices = primary_row;
@@ -300,7 +302,7 @@ int compute_geometric_mtf(SurfaceData const* surfaces, int surface_count, double
                           GeometricMtfPoint* points, int capacity, GeometricMtfResult* result) {
   GridPass pass;
   int const status = prepare_pass(surfaces, surface_count, indices, config, fields, field_count,
-                                  field_index, samples, pass);
+                                  field_index, samples, grid_size, pass);
   if (status != 0) return status;
   SpotExtents extents = fresh_extents();
   extent_pass(pass, extents);
@@ -327,7 +329,7 @@ int compute_geometric_mtf_polychromatic(SurfaceData const* surfaces, int surface
   double const* primary = primary_index_row(indices, surface_count, wavelength_count, *config);
   GridPass pass;
   int const status = prepare_pass(surfaces, surface_count, primary, config, fields, field_count,
-                                  field_index, samples, pass);
+                                  field_index, samples, grid_size, pass);
   if (status != 0) return status;
   if (wavelength_count < 1) return -3;
   // All wavelengths for the extents, then all for the bins; every ray

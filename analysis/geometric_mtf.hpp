@@ -18,7 +18,7 @@ namespace nuvrix {
 // `capacity` points; beyond its own cutoff a direction reads 0.  A non-zero
 // apply_diffraction multiplies each direction by the diffraction-limited
 // curve of its cutoff.  `wavelength_index` is only copied into the result.
-// Returns 0, -1 (field_index out of range), -2 (chief ray failed) or -3 (at
+// Returns 0, -1 (field_index out of range or grid_size < 1), -2 (chief ray failed) or -3 (at
 // most 3 rays survived); the result is untouched on a non-zero status.
 int compute_geometric_mtf(SurfaceData const* surfaces, int surface_count, double const* indices,
                           SystemConfig const* config, FieldData const* fields, int field_count,

@@ -741,7 +741,8 @@ int32_t nuvrix_compute_fft_psf(const SurfaceData* surfaces, int32_t surface_coun
 /* Diffraction MTF of one field at one wavelength, tangential (pupil y) and
  * sagittal (pupil x), at frequencies 0, frequency_step, ... up to the larger
  * cutoff (cycles/mm, supplied by the caller), at most capacity points.
- * Scratch as for the PSF.  Returns 0 or the map's non-zero status. */
+ * Scratch as for the PSF.  Returns 0 or the map's non-zero status, or -1
+ * when grid_size < 1 (result untouched). */
 int32_t nuvrix_compute_fft_mtf(const SurfaceData* surfaces, int32_t surface_count,
                                const double* indices, const double* primary_indices,
                                double wavelength, const SystemConfig* config,
@@ -758,7 +759,8 @@ int32_t nuvrix_compute_fft_mtf(const SurfaceData* surfaces, int32_t surface_coun
  * wavelength_count maps of grid_size^2 entries; real, imag, accum_real and
  * accum_imag (2 grid_size)^2 doubles each; f_number must not be 0.  Returns
  * -1 when wavelength_count < 1 or the weights sum below 1e-15, else the
- * first non-zero map status, or 0. */
+ * first non-zero map status, -1 when grid_size < 1, or 0; result is
+ * untouched on a non-zero status. */
 int32_t nuvrix_compute_fft_mtf_polychromatic(
     const SurfaceData* surfaces, int32_t surface_count, const double* indices,
     const double* primary_indices, const double* wavelengths, int32_t wavelength_count,
@@ -792,7 +794,7 @@ int32_t nuvrix_compute_fft_mtf_vs_field(
  * capacity points; a direction reads 0 beyond its own cutoff, and a non-zero
  * apply_diffraction multiplies it by the diffraction-limited curve of that
  * cutoff.  wavelength_index is only copied into the result.  Returns 0, -1
- * (field_index out of range), -2 (chief ray failed) or -3 (at most 3 rays
+ * (field_index out of range, or grid_size < 1), -2 (chief ray failed) or -3 (at most 3 rays
  * survived); result is untouched on a non-zero status. */
 int32_t nuvrix_compute_geometric_mtf(const SurfaceData* surfaces, int32_t surface_count,
                                      const double* indices, const SystemConfig* config,

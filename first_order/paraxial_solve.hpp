@@ -38,35 +38,45 @@ struct ArrayGeometry {
   NUVRIX_HD T focal_length(int k) const { return T(s[k].focal_length); }
 };
 
-// Index of the medium in front of surface k (forward sense), 1.0 beyond the array.
+// Index of the medium in front of surface k (forward sense), 1.0 beyond the
+// array: an absent surface stands in air.
 template <typename U>
 NUVRIX_HD U entrance_index(U const* indices, int n, int k) {
   return k - 1 < n ? indices[k - 1] : U(1.0);
+}
+
+// First entry of the reversed system that can change the ray.  Every entry
+// before surface n (the first absent one) is an empty plane in air with no
+// spacing: it leaves y = 0 and u exactly as they are, so the walk starts at
+// surface n, and the count of entries never overflows whatever the stop.
+NUVRIX_HD int entrance_first_entry(int n, int stop_surface) {
+  int const absent = n > 0 ? n : 0;
+  return stop_surface > absent ? stop_surface - absent : 1;
 }
 
 // Image of the stop centre in object space, by a trace from the stop back
 // towards the object through the reversed surfaces in front of it.  Entry j
 // of the reversed system is surface k = stop - j (curvature negated, the
 // index in front of it behind it); the closing entry j = stop is object
-// space.  Surfaces beyond the array count as empty planes.
+// space.  Surfaces beyond the array count as empty planes in air.
 template <typename T, typename U, typename Geometry>
 NUVRIX_HD T entrance_pupil_core(Geometry const& g, U const* indices, SurfaceData const* surfaces,
                                 int n, int stop_surface) {
   if (stop_surface < 2) return T(0.0);
   T y = T(0.0), u = T(kPupilTrialSlope);
-  for (int j = 1; j <= stop_surface; ++j) {
-    // Transfer across the spacing of entry j - 1 (surface ks, the thickness of ks - 1);
-    // the object distance (ks = 1) is never crossed.
-    int const ks = stop_surface - j + 1;
+  for (int k = stop_surface - entrance_first_entry(n, stop_surface); k >= 0; --k) {
+    // Entry j = stop - k.  Transfer across the spacing of entry j - 1
+    // (surface ks, the thickness of ks - 1); the object distance (ks = 1) is
+    // never crossed.
+    int const ks = k + 1;
     // Unlike the forward step, products are rounded on their own here.
     if (ks != 1 && ks - 1 < n) {
       T const t = g.thickness(ks - 1);
       if (is_finite(val(t))) y = y + t * u;
     }
-    int const k = stop_surface - j;  // 0: the closing entry
-    bool const real = k >= 1 && k < n;
+    bool const real = k >= 1 && k < n;  // k = 0: the closing entry, object space
     U const n_a = entrance_index(indices, n, ks);
-    U const n_b = k >= 1 ? entrance_index(indices, n, k) : indices[0];
+    U const n_b = entrance_index(indices, n, k >= 1 ? k : 1);
     if (real && surfaces[k].type == NUVRIX_SURFACE_MATRIX) {
       // Inverse matrix, slopes in the reversed sense.
       double const* m = surfaces[k].coefficients;
@@ -155,8 +165,9 @@ NUVRIX_HD double paraxial_marginal_height(SurfaceData const* surfaces, int n,
   double const A = config.aperture_value;
   if (config.aperture_type == 0) return A / 2.0;
   if (config.aperture_type == 1) return fabs(calculate_efl_abcd(surfaces, n, indices)) / (2.0 * A);
+  // Object space is air when it has no index: no table, or no surfaces.
   double n0 = 1.0;
-  if (indices != nullptr && !(indices[0] < 1e-6)) n0 = indices[0];
+  if (indices != nullptr && n > 0 && !(indices[0] < 1e-6)) n0 = indices[0];
   double s = fabs(A) / n0;
   double root;
   if (s >= 1.0) {

@@ -178,6 +178,7 @@ NUVRIX_HD RayTraceResult trace_arbitrary_ray_full(SurfaceData const* surfaces, i
                                                   int aim_flag, double stop_radius,
                                                   int last_surface, RayState* states,
                                                   int max_states, double field_x) {
+  if (surface_count < 1) return RayTraceResult{};  // no object surface to launch from
   detail::Launch const s = detail::fe_launch(surfaces, *config, field_value, field_x,
                                              pupil_radius, px, py, entrance_pupil_position);
   return detail::fe_aim_and_trace(surfaces, surface_count, indices, *config, s, px, py,
@@ -205,6 +206,7 @@ NUVRIX_HD RayTraceResult trace_full(SurfaceData const* surfaces, int surface_cou
                                     double field_value, double pupil_radius, double px, double py,
                                     double wavelength, double entrance_pupil_position,
                                     int aim_flag, double stop_radius, RayState* states) {
+  if (surface_count < 1) return RayTraceResult{};  // no object surface to launch from
   detail::Launch s = detail::tf_launch(surfaces, *config, field_value, pupil_radius, px, py,
                                        entrance_pupil_position);
   if (aim_flag != 0 && stop_radius > 0.0) {
@@ -228,6 +230,7 @@ NUVRIX_HD RayTraceResult trace_full(SurfaceData const* surfaces, int surface_cou
                                     double field_value, double pupil_radius, double px, double py,
                                     double wavelength, double entrance_pupil_position,
                                     int aim_flag, double stop_radius, RayState* states) {
+  if (surface_count < 1) return RayTraceResult{};  // no object surface to launch from
   detail::Launch s = detail::tf_launch(surfaces, *config, field_value, pupil_radius, px, py,
                                        entrance_pupil_position);
   if (aim_flag != 0 && stop_radius > 0.0) {
