@@ -57,14 +57,17 @@ RayTraceResult trace_grid_ray(GridPass const& pass, double px, double py) {
                              s.entrance_pupil_position, s.aim_flag, s.stop_radius, 0, 0.0);
 }
 
-// Checks the field and the grid, computes the launch set from `primary_row` and traces
-// the chief ray with it.  Returns 0, -1 or -2.
+// Checks the field, the grid and the wavelengths, computes the launch set
+// from `primary_row` and traces the chief ray with it.  Returns 0, -1, -3 or -2.
 int prepare_pass(SurfaceData const* surfaces, int surface_count, double const* primary_row,
                  SystemConfig const* config, FieldData const* fields, int field_count,
-                 int field_index, int samples, int grid_size, GridPass& pass) {
+                 int field_index, int samples, int grid_size, int wavelength_count,
+                 GridPass& pass) {
   if (field_index < 0 || field_index >= field_count) return -1;
   // A grid of no bins has nowhere to put a hit: a bad argument.
   if (grid_size < 1) return -1;
+  // Without an index row no ray can be traced, let alone survive.
+  if (wavelength_count < 1) return -3;
   pass.surfaces = surfaces;
   pass.surface_count = surface_count;
   pass.indices = primary_row;
@@ -192,7 +195,8 @@ double modulus_at(SpotOtf const& otf, int row, int col) {
 // 101 (the curve stops at 100 cycles/mm) and at most `capacity`; never
 // negative.  In floating point, so that a huge cutoff doesn't overflow.
 int curve_count(double max_frequency, int capacity) {
-  double const wanted = max_frequency > kCurveEnd ? kCurvePoints : trunc(max_frequency + 1.0);
+  // A cutoff that is not a number stops the curve at 100 like any high one.
+  double const wanted = !(max_frequency <= kCurveEnd) ? kCurvePoints : trunc(max_frequency + 1.0);
   double const count = wanted < capacity ? wanted : capacity;
   return count > 0.0 ? static_cast<int>(count) : 0;
 }
@@ -302,7 +306,7 @@ int compute_geometric_mtf(SurfaceData const* surfaces, int surface_count, double
                           GeometricMtfPoint* points, int capacity, GeometricMtfResult* result) {
   GridPass pass;
   int const status = prepare_pass(surfaces, surface_count, indices, config, fields, field_count,
-                                  field_index, samples, grid_size, pass);
+                                  field_index, samples, grid_size, 1, pass);
   if (status != 0) return status;
   SpotExtents extents = fresh_extents();
   extent_pass(pass, extents);
@@ -329,9 +333,8 @@ int compute_geometric_mtf_polychromatic(SurfaceData const* surfaces, int surface
   double const* primary = primary_index_row(indices, surface_count, wavelength_count, *config);
   GridPass pass;
   int const status = prepare_pass(surfaces, surface_count, primary, config, fields, field_count,
-                                  field_index, samples, grid_size, pass);
+                                  field_index, samples, grid_size, wavelength_count, pass);
   if (status != 0) return status;
-  if (wavelength_count < 1) return -3;
   // All wavelengths for the extents, then all for the bins; every ray
   // counts the same.
   SpotExtents extents = fresh_extents();

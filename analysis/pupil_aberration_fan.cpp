@@ -40,6 +40,8 @@ void raise_max_abs(double& max_abs, double v) {
 __attribute__((flatten, hot)) RayTraceResult trace_to_stop(PupilFanRays const& f,
                                                            double const* row, double px,
                                                            double py, RayState* history) {
+  // No object surface, no launch: the ray is invalid as in every front end.
+  if (f.surface_count < 1) return RayTraceResult{};
   LaunchSet const& s = f.launch;
   detail::Launch const start = detail::fe_launch(f.surfaces, *f.config, s.field_value, 0.0,
                                                  s.pupil_radius, px, py,

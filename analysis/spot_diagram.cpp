@@ -134,11 +134,13 @@ void write_result(SpotTotals const& t, RayTraceResult const& chief, int field_in
 }
 
 // What both routines do before the first pass: the field check, the launch
-// set and the primary chief ray.  Returns 0, -1 or -2.
+// set and the primary chief ray.  Returns 0, -1, -3 (no index row to trace
+// with, so no ray can survive) or -2.
 int prepare(SurfaceData const* surfaces, int surface_count, double const* indices,
             int wavelength_count, SystemConfig const* config, FieldData const* fields,
             int field_count, int field_index, LaunchSet& launch, RayTraceResult& chief) {
   if (field_index < 0 || field_index >= field_count) return -1;
+  if (wavelength_count <= 0) return -3;
   double const* primary = primary_index_row(indices, surface_count, wavelength_count, *config);
   launch = compute_launch_set(surfaces, surface_count, primary, *config, fields, field_index);
   chief = trace_launch_ray(surfaces, surface_count, primary, config, launch, 0.0, 0.0);
@@ -266,7 +268,6 @@ int compute_spot_diagram(SurfaceData const* surfaces, int surface_count, double 
   int const status = prepare(surfaces, surface_count, indices, wavelength_count, config, fields,
                              field_count, field_index, launch, chief);
   if (status != 0) return status;
-  if (wavelength_count <= 0) return -3;
   SpotTotals totals = {};
   for (int w = 0; w < wavelength_count; ++w) {
     SpotAccum acc = start_pass(surfaces, surface_count, wavelength_row(indices, surface_count, w),
@@ -290,7 +291,6 @@ int compute_spot_diagram_with_rays(SurfaceData const* surfaces, int surface_coun
   int const status = prepare(surfaces, surface_count, indices, wavelength_count, config, fields,
                              field_count, field_index, launch, chief);
   if (status != 0) return status;
-  if (wavelength_count <= 0) return -3;
   HitStore store = {hits, hit_capacity, 0};
   SpotTotals totals = {};
   for (int w = 0; w < wavelength_count; ++w) {

@@ -85,6 +85,14 @@ TEST(HostileInput, EmptySystemStaysInsideItsArrays) {
   EXPECT_EQ(nuvrix_compute_transverse_ray_fan(surfaces.get(), 0, indices.get(), 1, &epd, &field,
                                               1, 0, 4, tan_fan.get(), sag_fan.get(), &fan_header),
             -2);
+  auto tan_pupil = exact<PupilAberrationPoint>(5), sag_pupil = exact<PupilAberrationPoint>(5);
+  PupilAberrationResultHeader pupil_header = {};
+  int const pupil_status = nuvrix_compute_pupil_aberration_fan(
+      surfaces.get(), 0, indices.get(), 1, &epd, &field, 1, 0, 4, tan_pupil.get(), sag_pupil.get(),
+      &pupil_header);
+  if (pupil_status == 0) {
+    EXPECT_EQ(tan_pupil[2].valid + sag_pupil[2].valid, 0);
+  }
   auto tan_opd = exact<OpdFanPoint>(5), sag_opd = exact<OpdFanPoint>(5);
   OpdFanResultHeader opd_header = {};
   EXPECT_EQ(nuvrix_compute_opd_fan(surfaces.get(), 0, indices.get(), wavelengths.get(), 1, &epd,
@@ -213,4 +221,35 @@ TEST(HostileInput, EmptyGridIsRefused) {
             0);
   for (MtfVsFieldPoint const& p : scan) EXPECT_EQ(p.tangential + p.sagittal, 0.0);
   EXPECT_EQ(scan_result.field_count, 2);
+}
+
+// No index row means no ray: the analyses say so (-3, nothing survived)
+// before they look for a primary row.  And a curve that stops at 100
+// cycles/mm never has more than 101 points, whatever the cutoff.
+TEST(HostileInput, NoWavelengthAndUndefinedCutoff) {
+  Host const h = cooke_host(4);
+  int const n = h.sys.count();
+  auto rows = exact<double>(0);
+  SpotRayHit hits[4];
+  SpotDiagramResult spot = {};
+  EXPECT_EQ(nuvrix_compute_spot_diagram_with_rays(h.s(), n, rows.get(), h.weights.data(), 0,
+                                                  &h.cfg, h.fields.data(), h.nf(), 1, 3, 1, hits,
+                                                  4, &spot),
+            -3);
+  EXPECT_EQ(nuvrix_compute_spot_diagram(h.s(), n, rows.get(), h.weights.data(), 0, &h.cfg,
+                                        h.fields.data(), h.nf(), 1, 3, 1, &spot),
+            -3);
+  std::vector<double> re(64 * 64), im(64 * 64);
+  auto points = exact<GeometricMtfPoint>(101);
+  GeometricMtfResult geo = {};
+  EXPECT_EQ(nuvrix_compute_geometric_mtf_polychromatic(h.s(), n, rows.get(), nullptr, nullptr, 0,
+                                                       &h.cfg, h.fields.data(), h.nf(), 1, 8, 0,
+                                                       50.0, 50.0, re.data(), im.data(), 64,
+                                                       points.get(), 500, &geo),
+            -3);
+  ASSERT_EQ(nuvrix_compute_geometric_mtf(h.s(), n, h.rows(), &h.cfg, h.fields.data(), h.nf(), 1, 0,
+                                         8, 0, NAN, NAN, re.data(), im.data(), 64, points.get(),
+                                         500, &geo),
+            0);
+  EXPECT_EQ(geo.point_count, 101);
 }

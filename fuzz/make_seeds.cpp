@@ -1,0 +1,252 @@
+// Writes the seed corpus of every harness: for each selector, one input per
+// standard lens (Cooke triplet, parabolic mirror, ideal thin lens, eight-term
+// asphere singlet, finite-conjugate relay) with arguments a host would use.
+//
+//   make_seeds OUTDIR     writes OUTDIR/fuzz_<harness>/seed_<selector>_<lens>
+#include <sys/stat.h>
+
+#include <cmath>
+#include <cstdio>
+#include <string>
+
+#include "fuzz/fuzz_args.hpp"
+#include "tests/systems.hpp"
+
+using namespace nuvrix_fuzz;
+
+namespace {
+
+struct Lens {
+  std::string name;
+  SystemRecords records;
+  int32_t stop;
+  double max_field;  // degrees, or mm for object heights
+  double epd;
+  double back_focus;  // a reference radius for the OPD
+};
+
+// The F, d and C lines in micrometres, and the index of each medium at them:
+// a glass of index n_d gets a dispersion of an Abbe number near 60.
+double const kWavelengths[3] = {0.4861327, 0.5875618, 0.6562725};
+
+std::vector<std::vector<double>> dispersed(std::vector<double> const& nd) {
+  std::vector<std::vector<double>> rows(3, nd);
+  for (size_t i = 0; i < nd.size(); ++i) {
+    if (nd[i] <= 1.0001) continue;
+    double const dn = (nd[i] - 1.0) / 60.0;
+    rows[0][i] = nd[i] + 0.6 * dn;
+    rows[2][i] = nd[i] - 0.4 * dn;
+  }
+  return rows;
+}
+
+Lens make_lens(std::string name, nuvrix_test::System const& sys, int32_t stop, double max_field,
+               double epd, double back_focus, FieldType field_type = NUVRIX_FIELD_ANGLE,
+               int32_t aperture_type = 0, double aperture_value = 0.0) {
+  Lens lens{std::move(name), {}, stop, max_field, epd, back_focus};
+  SystemRecords& s = lens.records;
+  s.surfaces = sys.surfaces;
+  s.rows = dispersed(sys.indices);
+  s.config.field_type = field_type;
+  s.config.aperture_type = aperture_type;
+  s.config.aperture_value = aperture_type == 0 ? epd : aperture_value;
+  s.config.ray_aiming = 0;
+  s.config.stop_surface = stop;
+  s.config.primary_wavelength = 1;
+  for (double f : {0.0, 0.7, 1.0}) {
+    FieldData fd{};
+    fd.field_y = f * max_field;
+    s.fields.push_back(fd);
+  }
+  s.wavelengths.assign(kWavelengths, kWavelengths + 3);
+  s.weights = {1.0, 2.0, 1.0};
+  return lens;
+}
+
+std::vector<Lens> lenses() {
+  std::vector<Lens> out;
+  out.push_back(
+      make_lens("cooke", nuvrix_test::cooke_triplet(), nuvrix_test::kCookeStop, 20.0, 10.0, 42.2));
+  out.push_back(make_lens("parabola", nuvrix_test::parabolic_mirror(100.0), 1, 1.0, 20.0, 100.0));
+  out.push_back(make_lens("thin_lens", nuvrix_test::ideal_thin_lens(50.0), 1, 10.0, 10.0, 50.0));
+  out.push_back(make_lens("asphere", nuvrix_test::eight_term_asphere(), 1, 5.0, 10.0, 45.0));
+  // The relay: object heights in mm, object-space numerical aperture.
+  out.push_back(make_lens("relay", nuvrix_test::finite_relay(), nuvrix_test::kFiniteRelayStop, 5.0,
+                          10.0, 60.0, NUVRIX_FIELD_HEIGHT, 2, 0.08));
+  // The Cooke triplet aimed at the stop.
+  Lens aimed = make_lens("cooke_aimed", nuvrix_test::cooke_triplet(), nuvrix_test::kCookeStop, 20.0,
+                         10.0, 42.2);
+  aimed.records.config.ray_aiming = 1;
+  out.push_back(aimed);
+  return out;
+}
+
+std::string g_root;
+
+void save(std::string const& harness, int op, std::string const& lens, Writer const& w) {
+  std::string const dir = g_root + "/" + harness;
+  mkdir(dir.c_str(), 0755);
+  std::string const path = dir + "/seed_" + std::to_string(op) + "_" + lens;
+  FILE* f = std::fopen(path.c_str(), "wb");
+  if (!f) {
+    std::perror(path.c_str());
+    std::exit(1);
+  }
+  std::fwrite(w.data().data(), 1, w.data().size(), f);
+  std::fclose(f);
+}
+
+// Deterministic ray hits around the origin: a round spot of about 20 um.
+void write_hits(Writer& w, int count) {
+  bool synthesise = false;
+  w.flag(synthesise);
+  uint32_t state = 12345;
+  for (int i = 0; i < count; ++i) {
+    state = state * 1664525u + 1013904223u;
+    double const r = 0.02 * std::sqrt((state >> 8) / 16777216.0);
+    state = state * 1664525u + 1013904223u;
+    double const t = 6.283185307179586 * ((state >> 8) / 16777216.0);
+    SpotRayHit h{};
+    h.x = r * std::cos(t);
+    h.y = r * std::sin(t);
+    h.wavelength_index = i % 3;
+    h.valid = 1;
+    w.raw(h);
+  }
+}
+
+template <class Args>
+void emit(std::string const& harness, int op, Lens const& lens, Args args) {
+  Writer w;
+  w.u8(static_cast<uint8_t>(op));
+  args.visit(w);
+  write_system(w, lens.records);
+  save(harness, op, lens.name, w);
+}
+
+void trace_seeds(Lens const& lens) {
+  for (int op : {kVersion, kAbiInfo, kBuildAnchor}) emit("fuzz_trace", op, lens, AbiArgs{});
+  TraceRayArgs ray;  // a marginal ray parallel to the axis, d line
+  ray.y = lens.epd / 2 * 0.9;
+  ray.row = 1;
+  emit("fuzz_trace", kTraceRay, lens, ray);
+  emit("fuzz_trace", kTraceRayFull, lens, ray);
+  ArbitraryRayArgs arb;  // an aimed ray of the full field through the pupil's top
+  arb.aim_flag = 1;
+  arb.field_value = lens.max_field;
+  arb.pupil_radius = lens.epd / 2;
+  arb.stop_radius = lens.epd / 2;
+  arb.row = 1;
+  emit("fuzz_trace", kTraceArbitraryRay, lens, arb);
+  AimArgs aim;
+  aim.stop_surface = lens.stop;
+  aim.stop_radius = lens.epd / 2;
+  aim.m = std::sin(lens.max_field * 3.141592653589793 / 180.0) * 0.5;
+  aim.n_dir = std::sqrt(1.0 - aim.m * aim.m);
+  aim.row = 1;
+  emit("fuzz_trace", kAimToStop, lens, aim);
+}
+
+void first_order_seeds(Lens const& lens) {
+  FirstOrderArgs a;
+  a.row = 1;
+  a.stop_surface = lens.stop;
+  a.capacity = 16;
+  for (int op = 0; op < kFirstOrderOpCount; ++op) emit("fuzz_first_order", op, lens, a);
+}
+
+void spot_fan_seeds(Lens const& lens) {
+  SpotArgs spot;
+  emit("fuzz_spot_fans", kSpotDiagram, lens, spot);
+  spot.pattern = 0;  // rectangular grid, hits kept
+  spot.grid_size = 12;
+  emit("fuzz_spot_fans", kSpotDiagramWithRays, lens, spot);
+  FanArgs fan;
+  fan.field_index = 2;
+  fan.reference_radius = lens.back_focus;
+  for (int op : {kTransverseRayFan, kPupilAberrationFan, kOpdFan})
+    emit("fuzz_spot_fans", op, lens, fan);
+}
+
+void wavefront_seeds(Lens const& lens) {
+  WavefrontArgs a;
+  a.field_index = 1;
+  a.reference_radius = lens.back_focus;
+  a.field_scale = lens.max_field;
+  for (int op : {kWavefrontMap, kFftPsf, kFftMtf, kZernike}) emit("fuzz_wavefront", op, lens, a);
+  WavefrontArgs poly = a;
+  poly.grid_size = 8;
+  emit("fuzz_wavefront", kFftMtfPolychromatic, lens, poly);
+  {
+    Writer w;  // the scan over field: frequencies and field fractions follow the system
+    w.u8(kFftMtfVsField);
+    poly.visit(w);
+    write_system(w, lens.records);
+    for (double f : {0.0, 10.0, 50.0, 100.0}) w.f64(f);
+    for (double f : {0.0, 0.7, 1.0}) w.f64(f);
+    save("fuzz_wavefront", kFftMtfVsField, lens.name, w);
+  }
+  {
+    // An Airy-like PSF of 32 x 32 pixels of 1 um: a Gaussian core.
+    WavefrontArgs ee = a;
+    ee.grid_size = 32;
+    ee.pixel_pitch = 1e-3;
+    ee.max_radius = 20;
+    Writer w;
+    w.u8(kDiffractionEncircledEnergy);
+    ee.visit(w);
+    write_system(w, lens.records);
+    for (int i = 0; i < 32; ++i)
+      for (int j = 0; j < 32; ++j) {
+        double const r2 = (i - 16.0) * (i - 16.0) + (j - 16.0) * (j - 16.0);
+        w.f64(std::exp(-r2 / 8.0));
+      }
+    save("fuzz_wavefront", kDiffractionEncircledEnergy, lens.name, w);
+  }
+}
+
+void geometric_seeds(Lens const& lens) {
+  GeometricArgs a;
+  a.field_index = 1;
+  a.field_scale = lens.max_field;
+  a.hit_count = 200;
+  for (int op = 0; op < kGeometricOpCount; ++op) {
+    Writer w;
+    w.u8(static_cast<uint8_t>(op));
+    a.visit(w);
+    write_system(w, lens.records);
+    if (op == kGeometricMtfVsField) {
+      for (double f : {0.0, 10.0, 50.0, 100.0}) w.f64(f);
+      for (double f : {0.0, 0.7, 1.0}) w.f64(f);
+    } else if (op == kGeometricEncircledEnergy || op == kLineEdgeSpread) {
+      write_hits(w, a.hit_count);
+    }
+    save("fuzz_geometric", op, lens.name, w);
+  }
+}
+
+void field_seeds(Lens const& lens) {
+  FieldArgs a;
+  a.max_field = lens.max_field;
+  for (int op = 0; op < kFieldOpCount; ++op) emit("fuzz_field", op, lens, a);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    std::fprintf(stderr, "usage: %s OUTDIR\n", argv[0]);
+    return 2;
+  }
+  g_root = argv[1];
+  mkdir(g_root.c_str(), 0755);
+  for (Lens const& lens : lenses()) {
+    trace_seeds(lens);
+    first_order_seeds(lens);
+    spot_fan_seeds(lens);
+    wavefront_seeds(lens);
+    geometric_seeds(lens);
+    field_seeds(lens);
+  }
+  return 0;
+}
