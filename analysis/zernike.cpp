@@ -140,6 +140,7 @@ void eliminate_below(double (*aug)[kT + 1], int T, int k) {
 // Solves the T x T normal equations by Gaussian elimination with partial
 // pivoting on an augmented copy.  False when a pivot falls below 1e-15.
 bool solve_normal_equations(FitSums const& s, int T, double* coef) {
+  if (T < 1) return true;  // no term asked for: nothing to solve
   double aug[kT][kT + 1];
   for (int r = 0; r < T; ++r) {
     for (int c = 0; c < T; ++c) aug[r][c] = s.normal[r][c];

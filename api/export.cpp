@@ -16,6 +16,8 @@
 #include "first_order/chromatic_focal_shift.hpp"
 #include "first_order/seidel.hpp"
 #include "first_order/semi_diameter.hpp"
+#include "merit/merit_eval.hpp"
+#include "merit/merit_function.hpp"
 #include "trace/front_ends.hpp"
 #include "trace/trace_core.hpp"
 
@@ -420,3 +422,37 @@ int32_t nuvrix_compute_relative_illumination(const SurfaceData* surfaces, int32_
 }
 
 }  // extern "C"
+
+// Merit function ------------------------------------------------------------
+
+int32_t nuvrix_evaluate_merit(const SurfaceData* surfaces, int32_t n, const double* index_table,
+                              const double* wavelengths, int32_t wave_count,
+                              const SystemConfig* config, const FieldData* fields,
+                              int32_t field_count, const MeritOperandDesc* operands,
+                              int32_t operand_count, MeritResult* results, double* residuals,
+                              int32_t* residual_count, double* merit) {
+  return nuvrix::evaluate_merit(surfaces, n, index_table, wavelengths, wave_count, config, fields,
+                                field_count, operands, operand_count, results, residuals,
+                                residual_count, merit, false, nullptr);
+}
+
+int32_t nuvrix_evaluate_merit_operands(const SurfaceData* surfaces, int32_t n,
+                                       const double* index_table, const double* wavelengths,
+                                       int32_t wave_count, const SystemConfig* config,
+                                       const FieldData* fields, int32_t field_count,
+                                       const MeritOperand* operands, int32_t operand_count,
+                                       MeritResult* results) {
+  return nuvrix::evaluate_merit_operands(surfaces, n, index_table, wavelengths, wave_count, config,
+                                         fields, field_count, operands, operand_count, results);
+}
+
+int32_t nuvrix_evaluate_merit_operands_full(const SurfaceData* surfaces, int32_t n,
+                                            const double* index_table, const double* wavelengths,
+                                            int32_t wave_count, const SystemConfig* config,
+                                            const FieldData* fields, int32_t field_count,
+                                            const MeritOperand* operands, int32_t operand_count,
+                                            MeritResult* results) {
+  return nuvrix::evaluate_merit_operands_full(surfaces, n, index_table, wavelengths, wave_count,
+                                              config, fields, field_count, operands,
+                                              operand_count, results);
+}

@@ -12,6 +12,7 @@
 #include "trace/front_ends.hpp"
 #include "trace/robust_offset.hpp"
 #include "trace/trace_core.hpp"
+#include "merit/merit_function.hpp"
 
 namespace {
 
@@ -66,6 +67,19 @@ __attribute__((used)) void const* const kAnchors[] = {
     reinterpret_cast<void const*>(&nuvrix::trace_arbitrary_ray_full),
     reinterpret_cast<void const*>(&nuvrix::trace_full),
     reinterpret_cast<void const*>(&nuvrix::legacy::trace_full),
+    reinterpret_cast<void const*>(&nuvrix::build_context),
+    reinterpret_cast<void const*>(&nuvrix::resolve_surface_ref),
+    reinterpret_cast<void const*>(&nuvrix::pretraced_find),
+    reinterpret_cast<void const*>(&nuvrix::evaluate_boundary),
+    reinterpret_cast<void const*>(&nuvrix::evaluate_boundary_total),
+    reinterpret_cast<void const*>(&nuvrix::evaluate_angle_boundary),
+    reinterpret_cast<void const*>(&nuvrix::evaluate_angle_boundary_total),
+    reinterpret_cast<void const*>(&nuvrix::evaluate_opd),
+    reinterpret_cast<void const*>(&nuvrix::compute_effective_fnumber),
+    reinterpret_cast<void const*>(&nuvrix::trace_field_ray),
+    reinterpret_cast<void const*>(&nuvrix::compute_sag_tan_focus),
+    reinterpret_cast<void const*>(&nuvrix::evaluate_operand_value),
+    reinterpret_cast<void const*>(&nuvrix::evaluate_merit),
 };
 
 }  // namespace

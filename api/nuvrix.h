@@ -478,6 +478,19 @@ typedef struct MeritBatchedConfig {
   int32_t reserved[4];
 } MeritBatchedConfig;
 
+/* One operand of the legacy evaluator (its own short list of codes, see
+ * nuvrix_evaluate_merit_operands). */
+typedef struct MeritOperand {
+  int32_t type;    /* legacy code 0 .. 12 */
+  int32_t surface; /* surface of codes 7, 8, 9 */
+  int32_t wave;    /* index row; out of range: the primary wavelength */
+  double reserved_a; /* not read */
+  double field;    /* field value, normalised when the field list has a positive maximum */
+  double px;       /* normalised pupil x */
+  double py;       /* normalised pupil y */
+  double reserved_b; /* not read */
+} MeritOperand;
+
 /* Layout pins: hosts depend on these sizes bit for bit. */
 #ifdef __cplusplus
 #define NUVRIX_STATIC_ASSERT static_assert
@@ -493,6 +506,7 @@ NUVRIX_STATIC_ASSERT(sizeof(MeritOperandDesc) == 136, "MeritOperandDesc must be 
 NUVRIX_STATIC_ASSERT(sizeof(MeritVariableDesc) == 48, "MeritVariableDesc must be 48 bytes");
 NUVRIX_STATIC_ASSERT(sizeof(MeritResult) == 16, "MeritResult must be 16 bytes");
 NUVRIX_STATIC_ASSERT(sizeof(MeritPickupDesc) == 32, "MeritPickupDesc must be 32 bytes");
+NUVRIX_STATIC_ASSERT(sizeof(MeritOperand) == 56, "MeritOperand must be 56 bytes");
 NUVRIX_STATIC_ASSERT(sizeof(MeritBatchedConfig) == 32, "MeritBatchedConfig must be 32 bytes");
 
 /* ------------------------------------------------------------------------ */
@@ -927,6 +941,48 @@ int32_t nuvrix_compute_relative_illumination(const SurfaceData* surfaces, int32_
                                              int32_t unused_count,
                                              RelativeIlluminationPoint* points,
                                              RelativeIlluminationResult* result);
+
+/* ------------------------------------------------------------------------ */
+/* Merit function                                                           */
+/* ------------------------------------------------------------------------ */
+
+/* Evaluates operand_count operands (codes 0 .. 103) of one system:
+ * index_table holds wave_count rows of n indices, wavelengths the
+ * wave_count wavelengths in micrometres.  results (one record an operand,
+ * rewritten in place: raw values, then composites, centroid, piston and
+ * tilt corrections), residuals (room for 2 operand_count doubles: one slot
+ * for each operand of non-zero weight that is supported, then one for each
+ * ray group), residual_count and merit (the weighted root mean square of
+ * the residuals) may each be null; without results no residual is formed.
+ * A failed ray takes a penalty of 1e6 (1 + surfaces left x miss) times the
+ * root of its weight.  Returns the number of operands of non-zero weight
+ * that are unsupported (a code without evaluator, or no index row). */
+int32_t nuvrix_evaluate_merit(const SurfaceData* surfaces, int32_t n, const double* index_table,
+                              const double* wavelengths, int32_t wave_count,
+                              const SystemConfig* config, const FieldData* fields,
+                              int32_t field_count, const MeritOperandDesc* operands,
+                              int32_t operand_count, MeritResult* results, double* residuals,
+                              int32_t* residual_count, double* merit);
+
+/* The legacy operand list: optical path difference (0, 1, 2), transverse x
+ * and y against the chief ray (3, 5 and 4, 6), incidence load (7, only in
+ * the _full form), angles at a surface (8, 9), relative illumination (10),
+ * distortion (11, 12).  results[i] gets the value and status 1 (usable) or
+ * 0.  Returns 0. */
+int32_t nuvrix_evaluate_merit_operands(const SurfaceData* surfaces, int32_t n,
+                                       const double* index_table, const double* wavelengths,
+                                       int32_t wave_count, const SystemConfig* config,
+                                       const FieldData* fields, int32_t field_count,
+                                       const MeritOperand* operands, int32_t operand_count,
+                                       MeritResult* results);
+
+/* As nuvrix_evaluate_merit_operands, with code 7 evaluated too. */
+int32_t nuvrix_evaluate_merit_operands_full(const SurfaceData* surfaces, int32_t n,
+                                            const double* index_table, const double* wavelengths,
+                                            int32_t wave_count, const SystemConfig* config,
+                                            const FieldData* fields, int32_t field_count,
+                                            const MeritOperand* operands, int32_t operand_count,
+                                            MeritResult* results);
 
 #ifdef __cplusplus
 } /* extern "C" */

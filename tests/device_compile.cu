@@ -1,10 +1,11 @@
-// Compiled by nvcc only: proves that the trace core builds as device code,
+// Compiled by nvcc only: proves that the trace core and the merit function build as device code,
 // so that the kernels can run the very same trace as the CPU.
 #include "first_order/paraxial.hpp"
 #include "first_order/paraxial_solve.hpp"
 #include "first_order/seidel.hpp"
 #include "trace/trace_core.hpp"
 #include "trace/front_ends.hpp"
+#include "merit/merit_function.hpp"
 #include "trace/robust_offset.hpp"
 
 using nuvrix::RayStateT;
@@ -92,4 +93,18 @@ extern "C" __global__ void nuvrix_device_compile_probe(SurfaceData const* surfac
                                                  1.0, 550.0, 10.0, 1, 2.0, full_history);
   out[5] = aimed.y + arbitrary.y + full.y +
            nuvrix::aim_stop_radius(surfaces, count, indices, &config, 5.0);
+}
+
+// The merit function runs on the device as it does on the host: one
+// evaluation per thread, on the system the thread was given.
+extern "C" __global__ void device_compile_merit(SurfaceData const* surfaces, int count,
+                                                double const* indices, double const* wavelengths,
+                                                SystemConfig const* config,
+                                                MeritOperandDesc const* ops, int op_count,
+                                                MeritResult* results, double* residuals,
+                                                double* merit) {
+  FieldData const field = {5.0, 1.0, 0.0};
+  int slots = 0;
+  nuvrix::evaluate_merit(surfaces, count, indices, wavelengths, 1, config, &field, 1, ops,
+                         op_count, results, residuals, &slots, merit, false, nullptr);
 }

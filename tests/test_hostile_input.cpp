@@ -224,9 +224,10 @@ TEST(HostileInput, EmptyGridIsRefused) {
 }
 
 // No index row means no ray: the analyses say so (-3, nothing survived)
-// before they look for a primary row.  And a curve that stops at 100
-// cycles/mm never has more than 101 points, whatever the cutoff.
-TEST(HostileInput, NoWavelengthAndUndefinedCutoff) {
+// before they look for a primary row.  A curve that stops at 100 cycles/mm
+// never has more than 101 points, whatever the cutoff.  A Zernike fit of
+// the most negative number of terms fits none.
+TEST(HostileInput, NoWavelengthUndefinedCutoffAndNegativeTerms) {
   Host const h = cooke_host(4);
   int const n = h.sys.count();
   auto rows = exact<double>(0);
@@ -252,4 +253,12 @@ TEST(HostileInput, NoWavelengthAndUndefinedCutoff) {
                                          500, &geo),
             0);
   EXPECT_EQ(geo.point_count, 101);
+  std::vector<double> map(16, 0.25);
+  std::vector<int> mask(16, 1);
+  ZernikeResult z = {};
+  EXPECT_EQ(nuvrix_compute_zernike_standard(h.s(), n, h.rows(), h.rows(), 0.5876, &h.cfg,
+                                            h.fields.data(), h.nf(), 0, 4, 50.0, INT_MIN,
+                                            map.data(), mask.data(), &z),
+            0);
+  EXPECT_EQ(z.coefficients[0], 0.0);
 }
