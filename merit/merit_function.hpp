@@ -82,11 +82,13 @@ NUVRIX_HD double merit_composite(MeritOperandDesc const& op, MeritResult const* 
   return op.target + spread;
 }
 
-// True when operand j is the first member, in operand order, of the group
-// of operand i under `same`.
+// True when operand i is the first member, in operand order, of its group
+// under `same`.  The scan runs backwards: members of a group usually stand
+// close together, so a later member finds an earlier one at once, and only
+// a first member pays for the whole scan.
 template <typename Same>
 NUVRIX_HD bool first_of_group(int i, Same const& same) {
-  for (int j = 0; j < i; ++j) {
+  for (int j = i - 1; j >= 0; --j) {
     if (same(j)) return false;
   }
   return true;

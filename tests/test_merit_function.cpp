@@ -261,3 +261,51 @@ TEST(MeritDriver, PenaltiesAndRayGroupSlots) {
   EXPECT_EQ(g.residuals[4], 1e6 * 0.5);
   EXPECT_EQ(g.residuals[5], 0.0);
 }
+
+// Degenerate systems, references and values get what the rules give and
+// never a read outside the caller's arrays: every code on systems of 0, 1
+// and 2 surfaces, with and without an index row, targets that are not
+// numbers, an empty list.
+TEST(MeritDriver, DegenerateInputStaysDefined) {
+  System const full = cooke_triplet();
+  std::vector<MeritOperandDesc> ops;
+  for (unsigned code = 0; code < 108; ++code) {
+    MeritOperandDesc op = {};
+    op.type = code, op.group_id = code % 3 == 0 ? 1 : -1, op.weight = 1.0;
+    op.operand_a = -1, op.operand_b = 500, op.surface = 9, op.surface_first = -3;
+    op.surface_last = -2, op.wave = code % 4 - 1, op.hy = 0.5, op.py = 1.0;
+    op.target = code % 5 == 0 ? NAN : (code % 7 == 0 ? INFINITY : 0.0);
+    ops.push_back(op);
+  }
+  std::vector<double> const wavelengths = {0.55};
+  for (int n : {0, 1, 2}) {
+    for (int waves : {0, 1}) {
+      std::vector<SurfaceData> surfaces(full.surfaces.begin(), full.surfaces.begin() + n);
+      std::vector<double> rows(full.indices.begin(), full.indices.begin() + n * waves);
+      SystemConfig cfg = {};
+      cfg.stop_surface = 5, cfg.primary_wavelength = 3, cfg.penalize_failed_rays = 1;
+      std::vector<MeritResult> results(ops.size());
+      std::vector<double> residuals(2 * ops.size());
+      int slots = -1;
+      double merit = 0.0;
+      int const unsupported = nuvrix::evaluate_merit(
+          surfaces.data(), n, rows.data(), wavelengths.data(), waves, &cfg, nullptr, 0,
+          ops.data(), static_cast<int>(ops.size()), results.data(), residuals.data(), &slots,
+          &merit, false, nullptr);
+      // Without an index row only the composites are formed.
+      int const gaps = 4 + 5 + 10 + 2;  // above 103, 8-12, 19-28, 52 and 58
+      EXPECT_EQ(unsupported, waves == 0 ? 108 - 8 : gaps) << n << " " << waves;
+      EXPECT_GE(slots, static_cast<int>(ops.size()) - unsupported);
+      for (int k = 29; k <= 36; ++k) EXPECT_EQ(results[k].status, 1);
+    }
+  }
+  int slots = -1;
+  double merit = -1.0;
+  SystemConfig const cfg = {};
+  EXPECT_EQ(nuvrix::evaluate_merit(full.surfaces.data(), full.count(), full.indices.data(),
+                                   wavelengths.data(), 1, &cfg, nullptr, 0, nullptr, 0, nullptr,
+                                   nullptr, &slots, &merit, false, nullptr),
+            0);
+  EXPECT_EQ(slots, 0);
+  EXPECT_EQ(merit, 0.0);
+}

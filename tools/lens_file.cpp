@@ -7,6 +7,8 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "tools/merit_function.hpp"
+
 namespace lensfile {
 namespace {
 
@@ -221,6 +223,146 @@ void fill_medium(const Prescription& p, size_t i, Lens& lens) {
   }
 }
 
+// ---- The merit block -------------------------------------------------------
+
+// An integer, written as a JSON integer or as a number with no fraction.
+int read_int(const json& v, const std::string& what) {
+  if (v.is_number_integer()) return v.get<int>();
+  if (v.is_number_float()) {
+    const double d = v.get<double>();
+    if (d == std::floor(d) && std::fabs(d) < 2147483648.0) return static_cast<int>(d);
+  }
+  fail(what + " must be an integer");
+}
+
+double read_number(const json& v, const std::string& what) {
+  if (!v.is_number()) fail(what + " must be a number");
+  return v.get<double>();
+}
+
+// Two integers [a, b]; a single integer stands for [a, a].
+void read_pair(const json& v, const std::string& what, int32_t& a, int32_t& b) {
+  if (v.is_array() && v.size() == 2) {
+    a = read_int(v[0], what);
+    b = read_int(v[1], what);
+  } else if (v.is_number()) {
+    a = b = read_int(v, what);
+  } else {
+    fail(what + " must be [first, last]");
+  }
+}
+
+unsigned read_operand_code(const json& v, const std::string& what) {
+  unsigned code = 0;
+  if (v.is_string()) {
+    const std::string name = v.get<std::string>();
+    if (!operand_code_from_name(name, code)) fail(what + ": unknown operand \"" + name + "\"");
+  } else {
+    const int c = read_int(v, what + ": operand");
+    if (c < 0) fail(what + ": operand code must not be negative");
+    code = static_cast<unsigned>(c);
+  }
+  if (code > 103) fail(what + ": operand code " + std::to_string(code) + " is above 103");
+  return code;
+}
+
+unsigned read_transform(const json& v, const std::string& what) {
+  static const char* const kNames[] = {"none", "sin",  "cos",  "acos", "asin",
+                                       "tan",  "atan", "sqrt", "abs"};
+  if (v.is_string()) {
+    const std::string t = v.get<std::string>();
+    for (unsigned k = 0; k < 9; ++k)
+      if (t == kNames[k]) return k;
+    fail(what + ": unknown transform \"" + t + "\"");
+  }
+  const int k = read_int(v, what + ": transform");
+  if (k < 0) fail(what + ": transform must not be negative");
+  return static_cast<unsigned>(k);
+}
+
+// One operand of the merit block.  `index` is its place in the list,
+// `count` the length of the list.
+MeritOperandDesc read_operand(const json& j, size_t index, size_t count, const Lens& lens) {
+  const std::string what = "merit operand " + std::to_string(index);
+  if (!j.is_object()) fail(what + " must be an object");
+  static const char* const kKeys[] = {
+      "operand",  "surface", "wave",         "hx",    "hy",     "field",     "px",
+      "py",       "target",  "lower",        "upper", "weight", "transform", "surfaces",
+      "operands", "scale",   "centroid_tag", "group", "samples"};
+  for (auto it = j.begin(); it != j.end(); ++it) {
+    bool known = false;
+    for (const char* k : kKeys) known = known || it.key() == k;
+    if (!known) fail(what + ": unknown key \"" + it.key() + "\"");
+  }
+  if (!j.contains("operand")) fail(what + ": no \"operand\"");
+  MeritOperandDesc op = blank_operand(read_operand_code(j["operand"], what));
+  const auto key = [&](const char* k) { return what + ": " + k; };
+  if (j.contains("surface")) op.surface = read_int(j["surface"], key("surface"));
+  if (j.contains("wave")) {
+    op.wave = read_int(j["wave"], key("wave"));
+    const int waves = static_cast<int>(lens.wavelengths_um.size());
+    if (op.wave < -1 || op.wave >= waves)
+      fail(what + ": wave must be -1 (primary) or a row of wavelengths_um (0 .. " +
+           std::to_string(waves - 1) + ")");
+  }
+  if (j.contains("field")) {
+    if (j.contains("hx") || j.contains("hy"))
+      fail(what + ": give \"field\" or \"hx\"/\"hy\", not both");
+    const int k = read_int(j["field"], key("field"));
+    const int fields = static_cast<int>(lens.fields.size());
+    if (k < 1 || k > fields)
+      fail(what + ": field must be 1 .. " + std::to_string(fields) + " (the fields of the file)");
+    double max_y = 0.0, max_x = 0.0;
+    for (const FieldData& f : lens.fields) {
+      max_y = std::fmax(max_y, std::fabs(f.field_y));
+      max_x = std::fmax(max_x, std::fabs(f.field_x));
+    }
+    const FieldData& f = lens.fields[k - 1];
+    op.hy = max_y > 0.0 ? f.field_y / max_y : 0.0;
+    op.hx = max_x > 0.0 ? f.field_x / max_x : 0.0;
+  }
+  if (j.contains("hx")) op.hx = read_number(j["hx"], key("hx"));
+  if (j.contains("hy")) op.hy = read_number(j["hy"], key("hy"));
+  if (j.contains("px")) op.px = read_number(j["px"], key("px"));
+  if (j.contains("py")) op.py = read_number(j["py"], key("py"));
+  if (j.contains("target")) op.target = read_number(j["target"], key("target"));
+  if (j.contains("lower")) {
+    op.has_lower = 1;
+    op.lower = read_number(j["lower"], key("lower"));
+  }
+  if (j.contains("upper")) {
+    op.has_upper = 1;
+    op.upper = read_number(j["upper"], key("upper"));
+  }
+  if (j.contains("weight")) {
+    op.weight = read_number(j["weight"], key("weight"));
+    if (!(op.weight >= 0.0)) fail(what + ": weight must not be negative");
+  }
+  if (j.contains("transform")) op.transform = read_transform(j["transform"], what);
+  if (j.contains("surfaces"))
+    read_pair(j["surfaces"], key("surfaces"), op.surface_first, op.surface_last);
+  if (j.contains("operands")) {
+    read_pair(j["operands"], key("operands"), op.operand_a, op.operand_b);
+    const int last = static_cast<int>(count) - 1;
+    if (op.operand_a < 0 || op.operand_a > last || op.operand_b < 0 || op.operand_b > last)
+      fail(what + ": operands must index the merit list (0 .. " + std::to_string(last) + ")");
+  }
+  if (j.contains("scale")) op.scale = read_number(j["scale"], key("scale"));
+  if (j.contains("centroid_tag"))
+    op.centroid_tag = read_int(j["centroid_tag"], key("centroid_tag"));
+  if (j.contains("group")) op.group_id = read_int(j["group"], key("group"));
+  if (j.contains("samples")) op.sample_count = read_int(j["samples"], key("samples"));
+  return op;
+}
+
+std::vector<MeritOperandDesc> read_merit(const json& m, const Lens& lens) {
+  if (!m.is_array()) fail("merit must be an array of operands");
+  if (m.empty()) fail("merit must list at least one operand");
+  std::vector<MeritOperandDesc> ops;
+  for (size_t k = 0; k < m.size(); ++k) ops.push_back(read_operand(m[k], k, m.size(), lens));
+  return ops;
+}
+
 }  // namespace
 
 double model_glass_index(double wavelength_nm, double nd, double vd, double dpgf) {
@@ -266,11 +408,13 @@ bool load_lens_file(const std::string& path, Lens& lens, std::string& error) {
     return false;
   }
   try {
-    const Prescription p = read_prescription(json::parse(in));
+    const json j = json::parse(in);
+    const Prescription p = read_prescription(j);
     if (!build_lens(p, lens, error)) {
       error = path + ": " + error;
       return false;
     }
+    if (j.contains("merit")) lens.merit = read_merit(j["merit"], lens);
   } catch (const std::exception& e) {
     error = path + ": " + e.what();
     return false;

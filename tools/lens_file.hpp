@@ -50,7 +50,8 @@ struct Lens {
   std::vector<FieldData> fields;
   std::vector<double> indices;  // row w starts at w * surfaces.size()
   std::vector<double> wavelengths_um;
-  std::vector<std::string> media;  // short description of the medium behind each surface
+  std::vector<std::string> media;       // short description of the medium behind each surface
+  std::vector<MeritOperandDesc> merit;  // the lens file's merit function; empty: none given
 
   int count() const { return static_cast<int>(surfaces.size()); }
   const double* row(int w) const {
@@ -67,7 +68,8 @@ double model_glass_index(double wavelength_nm, double nd, double vd, double dpgf
 // inconsistent.
 bool build_lens(const Prescription& p, Lens& lens, std::string& error);
 
-// Reads and builds a JSON lens file; false with a one-line message.
+// Reads and builds a JSON lens file, with its merit function when the file
+// has a "merit" block; false with a one-line message.
 bool load_lens_file(const std::string& path, Lens& lens, std::string& error);
 
 // The classic Cooke triplet: EFL about 50 mm, EPD 10 mm, fields 0, 14, 20 deg.

@@ -55,5 +55,6 @@ int main(int argc, char** argv) {
   lensfile::print_spots(lens);
   lensfile::print_encircled_energy(lens);
   lensfile::print_field_curves(lens);
+  lensfile::print_merit(lens);
   return 0;
 }

@@ -70,4 +70,9 @@ void print_encircled_energy(const Lens& lens);
 // from the axis to the largest field.
 void print_field_curves(const Lens& lens);
 
+// The lens file's merit function, or the default one when the file has
+// none, evaluated once: each operand's value, target or bounds, residual
+// and status, then the unsupported count, the residual count and the merit.
+void print_merit(const Lens& lens);
+
 }  // namespace lensfile
