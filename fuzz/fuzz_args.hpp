@@ -257,4 +257,149 @@ struct FieldArgs {
   }
 };
 
+// ---------------------------------------------------------------- merit --
+
+enum MeritOp : uint8_t {
+  kEvaluateMerit,
+  kEvaluateMeritOperands,
+  kEvaluateMeritOperandsFull,
+  kMeritOpCount
+};
+
+// Operands of one call: enough for a real merit function of a few fields,
+// few enough that a call on a small system stays in the milliseconds.
+constexpr int32_t kMaxMeritOperands = 48;
+
+// Every operand traces a few rays through every surface, so that the cost of
+// a call grows with operands times surfaces: systems above 32 surfaces get
+// proportionally fewer operands (6 at 256 surfaces).  A count as decoded
+// (which may be negative) is capped at that.
+inline int32_t merit_operand_limit(int32_t surface_count) {
+  return surface_count <= 32 ? kMaxMeritOperands
+                             : std::max(kMaxMeritOperands * 32 / surface_count, 4);
+}
+inline int32_t capped_operand_count(int32_t count, int32_t surface_count) {
+  return std::min(count, merit_operand_limit(surface_count));
+}
+
+// The scalar arguments of the merit exports; the operand records follow
+// the system at the end of the input.  The legacy exports require results,
+// so null_results is read by evaluate_merit only.
+struct MeritArgs {
+  int32_t operand_count = 0;
+  bool null_results = false, null_residuals = false;
+  bool null_residual_count = false, null_merit = false;
+  template <class IO>
+  void visit(IO& io) {
+    io.count(operand_count, kMaxMeritOperands);
+    io.flag(null_results), io.flag(null_residuals);
+    io.flag(null_residual_count), io.flag(null_merit);
+  }
+};
+
+// x folded into [-limit, limit], the identity there (Reader::count's rule).
+inline int32_t fold(int32_t x, int32_t limit) {
+  long long v = x;
+  long long const m = static_cast<long long>(limit) + 1;
+  if (v > limit) v %= m;
+  if (v < -limit) v = -((-v) % m);
+  return static_cast<int32_t>(v);
+}
+
+// A record at the end of an input: a mode byte, then the record's raw
+// bytes.  Mode & 3 == 3 keeps every field as it came (any code, INT_MIN
+// surface references, ...).  Any other mode folds the integer fields into
+// the ranges where the engine tells values apart: codes into 0 .. 110 (the
+// catalogue and a few beyond it), surface references into [-300, 300],
+// operand references and wavelength rows near the list and the table, and
+// the bound flags into 0 or 1; so that a mutated record still names a real
+// operand most of the time.  The doubles are always raw.  Folding is the
+// identity on the values a host writes, so the seed generator's records
+// read back unchanged (the writer checks that).
+inline bool raw_mode(uint8_t mode) { return (mode & 3) == 3; }
+
+inline MeritOperandDesc folded(MeritOperandDesc d) {
+  d.type %= 111u;
+  d.transform %= 10u;  // 9: above the last transform
+  d.centroid_tag = fold(d.centroid_tag, 8);
+  d.group_id = fold(d.group_id, 8);
+  d.surface = fold(d.surface, 300);
+  d.wave = fold(d.wave, 10);
+  d.operand_a = fold(d.operand_a, 64);
+  d.operand_b = fold(d.operand_b, 64);
+  d.surface_first = fold(d.surface_first, 300);
+  d.surface_last = fold(d.surface_last, 300);
+  d.has_lower &= 1;
+  d.has_upper &= 1;
+  d.sample_count = fold(d.sample_count, 300);  // the engine takes 8 .. 256 azimuths
+  return d;
+}
+
+inline MeritOperand folded(MeritOperand d) {
+  d.type = fold(d.type, 16);  // codes 0 .. 12, and some on either side
+  d.surface = fold(d.surface, 300);
+  d.wave = fold(d.wave, 10);
+  return d;
+}
+
+// The integer fields that folding may change are equal.
+inline bool same_folded_fields(MeritOperandDesc const& a, MeritOperandDesc const& b) {
+  return a.type == b.type && a.transform == b.transform && a.centroid_tag == b.centroid_tag &&
+         a.group_id == b.group_id && a.surface == b.surface && a.wave == b.wave &&
+         a.operand_a == b.operand_a && a.operand_b == b.operand_b &&
+         a.surface_first == b.surface_first && a.surface_last == b.surface_last &&
+         a.has_lower == b.has_lower && a.has_upper == b.has_upper &&
+         a.sample_count == b.sample_count;
+}
+inline bool same_folded_fields(MeritOperand const& a, MeritOperand const& b) {
+  return a.type == b.type && a.surface == b.surface && a.wave == b.wave;
+}
+
+template <typename Record>
+struct OperandInput {
+  uint8_t mode = 0;
+  Record record{};
+  template <class IO>
+  void visit(IO& io) {
+    io.u8(mode);
+    io.raw(record);
+    if (raw_mode(mode)) return;
+    Record const f = folded(record);
+    if (IO::kReading) {
+      record = f;
+    } else if (!same_folded_fields(f, record)) {
+      std::abort();  // a seed record that would not read back as written
+    }
+  }
+};
+
+using MeritOperandInput = OperandInput<MeritOperandDesc>;
+using LegacyOperandInput = OperandInput<MeritOperand>;
+
+// Code 59 bisects the rim of the pupil on up to 256 azimuths, some 8000
+// rays; 48 such operands on a long system would take seconds.  The first
+// code 59 of a list keeps its sample count as read (so that 0, negative
+// and counts beyond 256 occur); every later one has it folded into
+// [-16, 16].
+inline void bound_azimuths(Buf<MeritOperandDesc>& ops) {
+  bool first = true;
+  for (size_t i = 0; i < ops.size(); ++i) {
+    if (ops[i].type != 59) continue;
+    if (!first) ops[i].sample_count = fold(ops[i].sample_count, 16);
+    first = false;
+  }
+}
+
+// Exactly `count` operand records from the end of an input.
+template <typename Record>
+inline Buf<Record> read_operands(Reader& in, int32_t count) {
+  Buf<Record> ops(count);
+  for (size_t i = 0; i < ops.size(); ++i) {
+    OperandInput<Record> o;
+    o.visit(in);
+    ops[i] = o.record;
+  }
+  return ops;
+}
+
 }  // namespace nuvrix_fuzz

@@ -8,6 +8,8 @@
 #include <cmath>
 #include <cstdio>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "fuzz/fuzz_args.hpp"
 #include "tests/systems.hpp"
@@ -231,6 +233,206 @@ void field_seeds(Lens const& lens) {
   for (int op = 0; op < kFieldOpCount; ++op) emit("fuzz_field", op, lens, a);
 }
 
+// ---------------------------------------------------------------- merit --
+
+MeritOperandDesc operand(uint32_t code, double weight = 1.0) {
+  MeritOperandDesc d{};
+  d.type = code;
+  d.group_id = -1;  // no ray group
+  d.wave = -1;      // the primary wavelength
+  d.weight = weight;
+  d.scale = 1.0;
+  return d;
+}
+
+// A merit function a designer would set up: transverse aberrations about
+// the centroid at each field, a lateral-colour pair in a ray group, the
+// focal length, thickness and edge bounds, composites, an OPD group,
+// relative illumination, distortion and the total track.
+std::vector<MeritOperandDesc> merit_function(Lens const& lens) {
+  std::vector<MeritOperandDesc> ops;
+  double const fields[3] = {0.0, 0.7, 1.0};
+  double const pupil[3][2] = {{0.0, 0.7}, {0.0, -0.7}, {0.7, 0.0}};
+  for (int f = 0; f < 3; ++f) {
+    for (auto const& p : pupil) {
+      for (uint32_t code : {70u, 71u}) {
+        MeritOperandDesc d = operand(code);
+        d.hy = fields[f];
+        d.px = p[0], d.py = p[1];
+        d.centroid_tag = f;
+        ops.push_back(d);
+      }
+    }
+  }
+  int const first_transverse = 0, last_transverse = static_cast<int>(ops.size()) - 1;
+  // Colour at the rim of the full field against the chief ray, as one group.
+  for (int w : {0, 2}) {
+    for (uint32_t code : {72u, 73u}) {
+      MeritOperandDesc d = operand(code, 0.5);
+      d.hy = 1.0;
+      d.py = w == 0 ? 1.0 : -1.0;
+      d.wave = w;
+      d.group_id = 1;
+      d.scale = 2.0;
+      ops.push_back(d);
+    }
+  }
+  int const efl = static_cast<int>(ops.size());
+  MeritOperandDesc e = operand(50, 10.0);
+  // The Cooke triplet is a 50 mm lens; the others are held at the focus
+  // they were built for.
+  e.target = lens.name.compare(0, 5, "cooke") == 0 ? 50.0 : lens.back_focus;
+  ops.push_back(e);
+  MeritOperandDesc bfl = operand(51, 0.0);  // watched, not weighted
+  ops.push_back(bfl);
+  // Glass centre thickness 2 .. 8 mm, air 0.5 mm at least, edges 1 and 0.1 mm.
+  MeritOperandDesc t = operand(42);
+  t.surface_first = 1, t.surface_last = -1;  // surface 1 to the last in front of the image
+  t.has_lower = 1, t.lower = 2.0, t.has_upper = 1, t.upper = 8.0;
+  ops.push_back(t);
+  t.type = 41, t.has_upper = 0, t.lower = 0.5;
+  ops.push_back(t);
+  MeritOperandDesc edge = operand(45);
+  edge.surface_first = -5, edge.surface_last = -1;
+  edge.has_lower = 1, edge.lower = 1.0;
+  ops.push_back(edge);
+  edge.type = 44, edge.lower = 0.1;
+  ops.push_back(edge);
+  // Composites: the focal length scaled, its ratio to the back focus, the
+  // spread and the root sum of squares of the transverse values.
+  MeritOperandDesc c = operand(29, 0.0);
+  c.operand_a = efl, c.scale = 0.5;
+  ops.push_back(c);
+  c = operand(32, 0.0);
+  c.operand_a = efl, c.operand_b = efl + 1;
+  ops.push_back(c);
+  c = operand(34, 1.0);
+  c.operand_a = first_transverse, c.operand_b = last_transverse, c.target = 0.01;
+  ops.push_back(c);
+  c = operand(35, 0.0);
+  c.operand_a = first_transverse, c.operand_b = last_transverse;
+  ops.push_back(c);
+  // OPD about the primary reference sphere, tilt and piston removed: four
+  // pupil points on the axis (the mirror rule adds their images), three
+  // with piston only at the full field.
+  double const opd_pupil[4][2] = {{0.0, 1.0}, {0.0, 0.5}, {0.5, 0.0}, {0.7, 0.7}};
+  for (auto const& p : opd_pupil) {
+    MeritOperandDesc d = operand(67);
+    d.px = p[0], d.py = p[1];
+    d.group_id = 2;
+    ops.push_back(d);
+  }
+  for (auto const& p : {std::make_pair(0.0, 1.0), std::make_pair(0.0, -1.0),
+                        std::make_pair(1.0, 0.0)}) {
+    MeritOperandDesc d = operand(68);
+    d.hy = 1.0;
+    d.px = p.first, d.py = p.second;
+    d.wave = 1;
+    ops.push_back(d);
+  }
+  // Relative illumination at the full field, 8 azimuths, at least 0.5.
+  MeritOperandDesc ri = operand(59);
+  ri.hy = 1.0;
+  ri.sample_count = 8;
+  ri.has_lower = 1, ri.lower = 0.5;
+  ops.push_back(ri);
+  MeritOperandDesc dist = operand(63);  // distortion at the full field, under 2 %
+  dist.hy = 1.0;
+  dist.transform = 8;
+  dist.has_upper = 1, dist.upper = 2.0;
+  ops.push_back(dist);
+  MeritOperandDesc track = operand(57);
+  track.has_upper = 1, track.upper = 1.5 * lens.back_focus;
+  ops.push_back(track);
+  MeritOperandDesc colour = operand(64, 0.1);
+  colour.hy = 1.0;
+  ops.push_back(colour);
+  MeritOperandDesc seidel = operand(80, 0.1);  // spherical aberration over all surfaces
+  seidel.surface_first = -5, seidel.surface_last = -1;
+  ops.push_back(seidel);
+  MeritOperandDesc glass = operand(92);  // total edge violation in glass
+  glass.surface_first = -5, glass.surface_last = -1;
+  glass.has_lower = 1, glass.lower = 1.0;
+  ops.push_back(glass);
+  return ops;
+}
+
+// The lens with what a merit function's bounds read: semi-diameters of the
+// marginal beam's size and the glass flags of the media.
+SystemRecords merit_records(Lens const& lens) {
+  SystemRecords s = lens.records;
+  for (size_t i = 0; i + 1 < s.surfaces.size(); ++i) {
+    SurfaceData& sd = s.surfaces[i];
+    if (i > 0) sd.semi_diameter = 0.6 * lens.epd;
+    sd.is_glass = s.rows[1][i] > 1.0001 ? 1 : 0;
+  }
+  return s;
+}
+
+void emit_merit(Lens const& lens, std::string const& name, MeritArgs a,
+                std::vector<MeritOperandDesc> const& ops) {
+  if (ops.size() > static_cast<size_t>(kMaxMeritOperands)) {
+    std::fprintf(stderr, "%s: %zu operands, more than the harness reads\n", name.c_str(),
+                 ops.size());
+    std::exit(1);
+  }
+  a.operand_count = static_cast<int32_t>(ops.size());
+  Writer w;
+  w.u8(kEvaluateMerit);
+  a.visit(w);
+  write_system(w, merit_records(lens));
+  for (MeritOperandDesc const& d : ops) {
+    MeritOperandInput in;
+    in.record = d;
+    in.visit(w);
+  }
+  save("fuzz_merit", kEvaluateMerit, name, w);
+}
+
+// The legacy list, codes 0 to 12, at 0.7 of the field.
+std::vector<MeritOperand> legacy_list() {
+  std::vector<MeritOperand> ops;
+  for (int code = 0; code <= 12; ++code) {
+    MeritOperand o{};
+    o.type = code;
+    o.wave = code % 4 == 3 ? 9 : code % 3;  // 9: beyond the table, the primary row
+    o.field = code == 10 ? 1.0 : 0.7;
+    o.py = code == 2 ? 0.5 : 1.0;
+    o.px = code == 1 || code == 5 ? 0.7 : 0.0;
+    o.surface = code == 7 ? 2 : 3;
+    ops.push_back(o);
+  }
+  return ops;
+}
+
+void merit_seeds(Lens const& lens) {
+  std::vector<MeritOperandDesc> const ops = merit_function(lens);
+  emit_merit(lens, lens.name, MeritArgs{}, ops);
+  if (lens.name == "cooke") {
+    MeritArgs bare;  // no outputs but the count of unsupported operands
+    bare.null_results = bare.null_residuals = bare.null_residual_count = bare.null_merit = true;
+    emit_merit(lens, lens.name + "_no_outputs", bare, ops);
+    MeritArgs values;  // results only
+    values.null_residuals = values.null_residual_count = values.null_merit = true;
+    emit_merit(lens, lens.name + "_results_only", values, ops);
+  }
+  std::vector<MeritOperand> const legacy = legacy_list();
+  for (int op : {kEvaluateMeritOperands, kEvaluateMeritOperandsFull}) {
+    MeritArgs a;
+    a.operand_count = static_cast<int32_t>(legacy.size());
+    Writer w;
+    w.u8(static_cast<uint8_t>(op));
+    a.visit(w);
+    write_system(w, lens.records);
+    for (MeritOperand const& o : legacy) {
+      LegacyOperandInput in;
+      in.record = o;
+      in.visit(w);
+    }
+    save("fuzz_merit", op, lens.name, w);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -247,6 +449,7 @@ int main(int argc, char** argv) {
     wavefront_seeds(lens);
     geometric_seeds(lens);
     field_seeds(lens);
+    merit_seeds(lens);
   }
   return 0;
 }

@@ -3,6 +3,8 @@
 // table of rays that the device traced in advance.
 #pragma once
 
+#include <climits>
+
 #include "api/types.hpp"
 #include "first_order/aim_robust.hpp"
 #include "first_order/paraxial_solve.hpp"
@@ -81,7 +83,7 @@ NUVRIX_HD int resolve_surface_ref(int ref, int n, int stop, int other) {
   switch (ref) {
     case -5: return 1;
     case -4: return stop;
-    case -3: return stop + 1;
+    case -3: return stop < INT_MAX ? stop + 1 : INT_MAX;  // beyond any array either way
     case -2: return n - 1;
     case -1: return n - 2;
     case 0: return other;

@@ -77,8 +77,8 @@ MeritResult legacy_angle(LegacySetup const& s, MeritOperand const& op, double co
   RayTraceResult const ray = legacy_ray(s, row, wavelength_nm, field, op.px, op.py, states);
   int const stored = ray.states_written < kMaxSurfaces ? ray.states_written : kMaxSurfaces;
   int const k = op.surface;
+  if (k >= stored || k < (op.type == 8 ? 1 : 0)) return MeritResult{0.0, 0};
   int const from = op.type == 8 ? k - 1 : k;
-  if (k >= stored || from < 0) return MeritResult{0.0, 0};
   RayState const& at = states[k];
   double const c = fabs(detail::dot3(states[from].l, states[from].m, states[from].n, at.nx, at.ny,
                                      at.nz));

@@ -27,7 +27,8 @@ fi
 bash scripts/setup.sh
 
 dir=build-fuzz
-harnesses=(fuzz_trace fuzz_first_order fuzz_spot_fans fuzz_wavefront fuzz_geometric fuzz_field)
+harnesses=(fuzz_trace fuzz_first_order fuzz_spot_fans fuzz_wavefront fuzz_geometric fuzz_field
+           fuzz_merit)
 
 start=$(date +%s)
 CC=clang CXX=clang++ cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Release -DNUVRIX_FUZZ=ON >/dev/null

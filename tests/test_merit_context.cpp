@@ -3,6 +3,7 @@
 // search of the pre-traced ray table.
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cmath>
 #include <vector>
 
@@ -113,6 +114,8 @@ TEST(MeritContext, SymbolicSurfaceReferences) {
   for (Case const& c : cases) {
     EXPECT_EQ(nuvrix::resolve_surface_ref(c.ref, n, stop, c.other), c.want) << c.ref;
   }
+  // The surface behind a stop named at the largest int lies beyond any array.
+  EXPECT_EQ(nuvrix::resolve_surface_ref(-3, n, INT_MAX, 0), INT_MAX);
   int a = -1, b = -1;
   nuvrix::resolve_surface_range(-3, 0, n, stop, a, b);  // both symbolic: 0 is surface 0
   EXPECT_EQ(a, 5);
