@@ -286,3 +286,50 @@ TEST(MeritOperands, EveryCodeOnDegenerateSystems) {
     }
   }
 }
+
+// Rays traced in advance stand in for the catalogue's own traces: the same
+// rays in the table give the same values, and an entry marked failed fails
+// the operand without a trace.
+TEST(MeritOperands, PreTracedRaysStandInForTraces) {
+  Catalogue const c(INFINITY);
+  int const n = c.h.sys.count();
+  double const pr = c.ctx.pupil_radius, ep = c.ctx.entrance_pupil_position;
+  double const hy = 0.7, pts[3][2] = {{0.0, 0.0}, {0.0, 0.8}, {0.5, -0.3}};
+  std::vector<double> hys, pxs, pys, x, y, z, l, m, nn, phase, zero;
+  std::vector<int> waves, kinds, surfaces, valid;
+  for (auto const& p : pts) {
+    RayTraceResult const t = nuvrix_trace_arbitrary_ray(c.h.s(), n, c.h.rows(), &c.h.cfg, 0, 0,
+                                                        hy * 20.0, pr, p[0], p[1], 0.0, ep, 0.0);
+    hys.push_back(hy), pxs.push_back(p[0]), pys.push_back(p[1]);
+    waves.push_back(0), kinds.push_back(0), surfaces.push_back(0), valid.push_back(1);
+    x.push_back(t.x), y.push_back(t.y), z.push_back(t.z), l.push_back(t.l), m.push_back(t.m);
+    nn.push_back(t.n), phase.push_back(t.phase_waves), zero.push_back(0.0);
+  }
+  nuvrix::PreTracedRays table = {hys.data(),  waves.data(), pxs.data(),  pys.data(),
+                                 kinds.data(), surfaces.data(), x.data(), y.data(),
+                                 valid.data(), z.data(),    l.data(),    m.data(),
+                                 nn.data(),    phase.data(), zero.data(), zero.data(),
+                                 zero.data(),  zero.data(),  zero.data(), zero.data(),
+                                 zero.data(),  zero.data(),  zero.data(), 3};
+  for (unsigned code : {70u, 71u, 72u, 73u}) {
+    MeritOperandDesc op = operand(code);
+    op.hy = hy, op.px = 0.5, op.py = -0.3;
+    double traced = 0.0, tabled = 0.0;
+    bool failed = true;
+    nuvrix::evaluate_operand_value(op, c.h.s(), n, c.h.rows(), 3, c.wavelengths.data(), &c.h.cfg,
+                                   c.ctx, traced, failed, nullptr);
+    nuvrix::evaluate_operand_value(op, c.h.s(), n, c.h.rows(), 3, c.wavelengths.data(), &c.h.cfg,
+                                   c.ctx, tabled, failed, &table);
+    EXPECT_EQ(tabled, traced) << code;
+    EXPECT_FALSE(failed);
+  }
+  valid[1] = 0;  // the entry of (0, 0.8)
+  MeritOperandDesc op = operand(71);
+  op.hy = hy, op.py = 0.8;
+  double v = 1.0;
+  bool failed = false;
+  nuvrix::evaluate_operand_value(op, c.h.s(), n, c.h.rows(), 3, c.wavelengths.data(), &c.h.cfg,
+                                 c.ctx, v, failed, &table);
+  EXPECT_TRUE(failed);
+  EXPECT_EQ(v, 0.0);
+}
