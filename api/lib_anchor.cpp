@@ -13,6 +13,7 @@
 #include "trace/robust_offset.hpp"
 #include "trace/trace_core.hpp"
 #include "merit/merit_function.hpp"
+#include "merit/variable_transform.hpp"
 
 namespace {
 
@@ -80,6 +81,13 @@ __attribute__((used)) void const* const kAnchors[] = {
     reinterpret_cast<void const*>(&nuvrix::compute_sag_tan_focus),
     reinterpret_cast<void const*>(&nuvrix::evaluate_operand_value),
     reinterpret_cast<void const*>(&nuvrix::evaluate_merit),
+    reinterpret_cast<void const*>(&nuvrix::transform_to_physical),
+    reinterpret_cast<void const*>(&nuvrix::transform_to_unbounded),
+    reinterpret_cast<void const*>(&nuvrix::transform_jacobian),
+    reinterpret_cast<void const*>(&nuvrix::read_variable_value),
+    reinterpret_cast<void const*>(&nuvrix::apply_variable_value),
+    reinterpret_cast<void const*>(&nuvrix::apply_pickups),
+    reinterpret_cast<void const*>(&nuvrix::fd_step),
 };
 
 }  // namespace

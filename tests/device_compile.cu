@@ -6,6 +6,7 @@
 #include "trace/trace_core.hpp"
 #include "trace/front_ends.hpp"
 #include "merit/merit_function.hpp"
+#include "merit/variable_transform.hpp"
 #include "trace/robust_offset.hpp"
 
 using nuvrix::RayStateT;
@@ -107,4 +108,18 @@ extern "C" __global__ void device_compile_merit(SurfaceData const* surfaces, int
   int slots = 0;
   nuvrix::evaluate_merit(surfaces, count, indices, wavelengths, 1, config, &field, 1, ops,
                          op_count, results, residuals, &slots, merit, false, nullptr);
+}
+
+// The variables of an optimisation, applied to a thread's copy of a system.
+extern "C" __global__ void device_compile_variables(SurfaceData* surfaces, int count,
+                                                    MeritVariableDesc const* v,
+                                                    MeritPickupDesc const* pickups, double x,
+                                                    double* out) {
+  double const p = nuvrix::transform_to_physical(x, v->has_lower, v->lower, v->has_upper, v->upper);
+  nuvrix::apply_variable_value(*v, p, surfaces, count, nullptr, 0);
+  nuvrix::apply_pickups(surfaces, count, pickups, 2);
+  out[0] = nuvrix::fd_step(*v, x, surfaces, count) +
+           nuvrix::transform_jacobian(x, v->has_lower, v->lower, v->has_upper, v->upper) +
+           nuvrix::transform_to_unbounded(p, v->has_lower, v->lower, v->has_upper, v->upper) +
+           nuvrix::read_variable_value(*v, surfaces, count, nullptr, 0);
 }
