@@ -34,12 +34,15 @@ namespace nuvrix {
 // The plain double maths, pulled into the namespace so that an unqualified
 // call serves double here and, by argument-dependent lookup, the dual numbers.
 using ::acos;
+using ::asin;
+using ::atan;
 using ::atan2;
 using ::cos;
 using ::exp;
 using ::fabs;
 using ::fma;
 using ::log;
+using ::pow;
 using ::sin;
 using ::sqrt;
 using ::tan;
@@ -67,10 +70,18 @@ struct RayStateT {
   int status;
 };
 
+// The dual number of forward differentiation (merit/dual.hpp).
+template <int N>
+struct Dual;
+
 namespace detail {
 
 // The plain value of a scalar: every comparison and branch looks at it only.
+// The dual form is declared here, so that the generic steps, which call
+// detail::val by its qualified name, see it wherever they are defined.
 NUVRIX_HD double val(double v) { return v; }
+template <int N>
+NUVRIX_HD double val(Dual<N> const& x);
 
 // True for a finite double (false for infinities and NaN).
 NUVRIX_HD bool is_finite(double v) { return fabs(v) <= DBL_MAX; }

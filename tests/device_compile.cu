@@ -7,6 +7,7 @@
 #include "trace/front_ends.hpp"
 #include "merit/merit_function.hpp"
 #include "merit/variable_transform.hpp"
+#include "merit/dual.hpp"
 #include "trace/robust_offset.hpp"
 
 using nuvrix::RayStateT;
@@ -122,4 +123,20 @@ extern "C" __global__ void device_compile_variables(SurfaceData* surfaces, int c
            nuvrix::transform_jacobian(x, v->has_lower, v->lower, v->has_upper, v->upper) +
            nuvrix::transform_to_unbounded(p, v->has_lower, v->lower, v->has_upper, v->upper) +
            nuvrix::read_variable_value(*v, surfaces, count, nullptr, 0);
+}
+
+// Dual numbers through a generic first-order step.
+extern "C" __global__ void device_compile_dual(SurfaceData const* surfaces, int count,
+                                               double const* indices, double* out) {
+  using D = nuvrix::Dual<10>;
+  D curvatures[8], thicknesses[8];
+  for (int i = 0; i < count && i < 8; ++i) {
+    curvatures[i] = D(surfaces[i].curvature);
+    thicknesses[i] = D(surfaces[i].thickness);
+  }
+  curvatures[1] = nuvrix::make_variable<10>(surfaces[1].curvature, 0);
+  D const efl = nuvrix::calculate_efl_abcd_t<D, double>(curvatures, thicknesses, indices, surfaces,
+                                                        count < 8 ? count : 8, nullptr, nullptr);
+  D const r = sqrt(efl * efl + exp(efl) / fma(efl, efl, 1.0));
+  out[0] = r.value + r.d[0];
 }
