@@ -14,11 +14,13 @@
 #include "trace/trace_core.hpp"
 #include "merit/merit_function.hpp"
 #include "merit/variable_transform.hpp"
+#include "merit/dual.hpp"
 
 namespace {
 
 using nuvrix::RayStateT;
 using D = double;
+using DD = nuvrix::Dual<10>;  // the dual number of the analytic Jacobian
 
 // One table of addresses; `used` keeps it, and so every entry, in the binary.
 __attribute__((used)) void const* const kAnchors[] = {
@@ -88,6 +90,35 @@ __attribute__((used)) void const* const kAnchors[] = {
     reinterpret_cast<void const*>(&nuvrix::apply_variable_value),
     reinterpret_cast<void const*>(&nuvrix::apply_pickups),
     reinterpret_cast<void const*>(&nuvrix::fd_step),
+    // The generic steps over dual numbers: the indices constant (double)
+    // or depending on model-glass variables (dual).
+    reinterpret_cast<void const*>(&nuvrix::detail::intersect_conic_t<DD>),
+    reinterpret_cast<void const*>(&nuvrix::detail::conic_normal_t<DD>),
+    reinterpret_cast<void const*>(&nuvrix::intersect_even_asphere_t<DD>),
+    reinterpret_cast<void const*>(&nuvrix::even_asphere_normal_t<DD>),
+    reinterpret_cast<void const*>(&nuvrix::even_asphere_sag_t<DD>),
+    reinterpret_cast<void const*>(&nuvrix::detail::refract_t<DD, DD>),
+    reinterpret_cast<void const*>(&nuvrix::detail::refract_t<DD, D>),
+    reinterpret_cast<void const*>(&nuvrix::detail::reflect_t<DD>),
+    reinterpret_cast<void const*>(&nuvrix::detail::refract_paraxial_t<DD, DD>),
+    reinterpret_cast<void const*>(&nuvrix::detail::refract_paraxial_t<DD, D>),
+    reinterpret_cast<void const*>(&nuvrix::apply_abcd_generic<RayStateT<DD>, DD>),
+    reinterpret_cast<void const*>(&nuvrix::model_index<DD>),
+    reinterpret_cast<void const*>(&nuvrix::trace_paraxial_ray_t<DD, DD>),
+    reinterpret_cast<void const*>(&nuvrix::trace_paraxial_ray_t<DD, D>),
+    reinterpret_cast<void const*>(&nuvrix::compute_entrance_pupil_position_t<DD, DD>),
+    reinterpret_cast<void const*>(&nuvrix::compute_entrance_pupil_position_t<DD, D>),
+    reinterpret_cast<void const*>(&nuvrix::compute_exit_pupil_position_t<DD, DD>),
+    reinterpret_cast<void const*>(&nuvrix::compute_exit_pupil_position_t<DD, D>),
+    reinterpret_cast<void const*>(&nuvrix::calculate_efl_abcd_t<DD, DD>),
+    reinterpret_cast<void const*>(&nuvrix::calculate_efl_abcd_t<DD, D>),
+    reinterpret_cast<void const*>(&nuvrix::calculate_bfl_t<DD, DD>),
+    reinterpret_cast<void const*>(&nuvrix::calculate_bfl_t<DD, D>),
+    reinterpret_cast<void const*>(&nuvrix::subsystem_transfer_t<DD, DD>),
+    reinterpret_cast<void const*>(&nuvrix::subsystem_transfer_t<DD, D>),
+    reinterpret_cast<void const*>(&nuvrix::compute_subsystem_abcd_t<DD, DD>),
+    reinterpret_cast<void const*>(&nuvrix::compute_subsystem_abcd_t<DD, D>),
+    reinterpret_cast<void const*>(&nuvrix::seidel_range_sum_t<DD, D>),
 };
 
 }  // namespace
