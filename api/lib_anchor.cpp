@@ -15,6 +15,7 @@
 #include "merit/merit_function.hpp"
 #include "merit/variable_transform.hpp"
 #include "merit/dual.hpp"
+#include "merit/wavefront_operands.hpp"
 
 namespace {
 
@@ -119,6 +120,7 @@ __attribute__((used)) void const* const kAnchors[] = {
     reinterpret_cast<void const*>(&nuvrix::compute_subsystem_abcd_t<DD, DD>),
     reinterpret_cast<void const*>(&nuvrix::compute_subsystem_abcd_t<DD, D>),
     reinterpret_cast<void const*>(&nuvrix::seidel_range_sum_t<DD, D>),
+    reinterpret_cast<void const*>(&nuvrix::compute_exit_pupil_waves_t<DD>),
 };
 
 }  // namespace

@@ -65,41 +65,68 @@ NUVRIX_HD bool opd_ray(SurfaceData const* surfaces, int n, double const* index_t
   return true;
 }
 
+// One ray's end for the closure onto the reference surface: its point and
+// direction at the image, and for an infinite object the projection of its
+// entry point on the reference ray's launch direction.
+template <typename T>
+struct ExitPupilRay {
+  T x, y, z, l, m, n;
+  T start;  // (l0, m0, n0) . E, used only with an object at infinity and a history
+};
+
+}  // namespace detail
+
 // The path from a ray's end to the reference surface about the reference
-// ray's image point P0, in waves: along the ray to the plane normal to the
-// chief ray (afocal image space) or to the reference sphere; and for an
-// infinite object the shift that puts the ray's start onto the wavefront
-// through the reference ray's entry point.  False when the ray misses the
-// sphere.
-NUVRIX_HD bool exit_pupil_waves(OpdRay const& ref, OpdRay const& r, MeritContext const& ctx,
-                                bool afocal, double image_index, double lambda_um, double& K) {
-  double const dx = r.x - ref.x, dy = r.y - ref.y, dz = r.z - ref.z;
-  double const to_waves = 1000.0 * image_index / lambda_um;
-  K = 0.0;
+// ray's image point P0 = (x0, y0, z0), in waves of lambda (micrometres) in
+// a medium of index g: along the ray to the plane normal to the reference
+// direction (afocal image space) or to the reference sphere of radius R and
+// curvature C; and for an infinite object the shift that puts the ray's
+// start onto the wavefront through the reference ray's entry point.  False
+// when the ray misses the sphere.  T is double or a dual number; the steps
+// are the same.
+template <typename T>
+NUVRIX_HD bool compute_exit_pupil_waves_t(detail::ExitPupilRay<T> const& ref,
+                                          detail::ExitPupilRay<T> const& r, T const& R,
+                                          T const& C, bool afocal, bool infinite_object,
+                                          bool has_history, double g, double lambda_um, T& K) {
+  using detail::dot3;
+  T const dx = r.x - ref.x, dy = r.y - ref.y, dz = r.z - ref.z;
+  double const to_waves = 1000.0 * g / lambda_um;
+  K = T(0.0);
   if (afocal) {
-    double const s = dot3(r.l, r.m, r.n, ref.l, ref.m, ref.n);
-    if (fabs(s) > 1e-30) K = -dot3(dx, dy, dz, ref.l, ref.m, ref.n) / s * to_waves;
+    T const s = dot3(r.l, r.m, r.n, ref.l, ref.m, ref.n);
+    if (fabs(detail::val(s)) > 1e-30) K = -dot3(dx, dy, dz, ref.l, ref.m, ref.n) / s * to_waves;
   } else {
-    double const R = ctx.reference_radius, C = ctx.reference_curvature;
-    double const q = R - dz, t = q / r.n;
-    double const a = dx + r.l * t, b = dy + r.m * t;
-    double const A = sum_sq2(a, b);
-    double const B = r.n / C - r.l * a - r.m * b;
-    double const D = B * B - A;
-    if (D < 0.0) return false;
-    double e = 0.0;
-    if (!(A < 1e-30)) e = C > 0.0 ? A / (B + sqrt(D)) : A / (B - sqrt(D));
-    double const vx = r.l * e + a - dx, vy = r.m * e + b - dy, vz = r.n * e + q - dz;
+    T const q = R - dz, t = q / r.n;
+    T const a = dx + r.l * t, b = dy + r.m * t;
+    T const A = detail::sum_sq2(a, b);
+    T const B = r.n / C - r.l * a - r.m * b;
+    T const D = B * B - A;
+    if (detail::val(D) < 0.0) return false;
+    T e = T(0.0);
+    if (!(detail::val(A) < 1e-30)) e = detail::val(C) > 0.0 ? A / (B + sqrt(D)) : A / (B - sqrt(D));
+    T const vx = r.l * e + a - dx, vy = r.m * e + b - dy, vz = r.n * e + q - dz;
     K = sqrt(dot3(vx, vy, vz, vx, vy, vz)) * to_waves;
   }
-  if (ctx.object_at_infinity && r.has_history) {
-    double const start_ref = dot3(ref.launch_l, ref.launch_m, ref.launch_n, ref.entry_x,
-                                  ref.entry_y, ref.entry_z);
-    double const start = dot3(ref.launch_l, ref.launch_m, ref.launch_n, r.entry_x, r.entry_y,
-                              r.entry_z);
-    K += -(start_ref - start) * 1000.0 / lambda_um;
-  }
+  if (infinite_object && has_history) K += -(ref.start - r.start) * 1000.0 / lambda_um;
   return true;
+}
+
+namespace detail {
+
+// The closure of one OPD ray: its end, and the projection of its entry
+// point on the reference ray's launch direction.
+NUVRIX_HD bool exit_pupil_waves(OpdRay const& ref, OpdRay const& r, MeritContext const& ctx,
+                                bool afocal, double image_index, double lambda_um, double& K) {
+  auto closure = [&](OpdRay const& o) {
+    return ExitPupilRay<double>{o.x, o.y, o.z, o.l, o.m, o.n,
+                                dot3(ref.launch_l, ref.launch_m, ref.launch_n, o.entry_x,
+                                     o.entry_y, o.entry_z)};
+  };
+  return compute_exit_pupil_waves_t<double>(closure(ref), closure(r), ctx.reference_radius,
+                                            ctx.reference_curvature, afocal,
+                                            ctx.object_at_infinity, r.has_history, image_index,
+                                            lambda_um, K);
 }
 
 // Foci of the y fan (T) and of the x fan (S) at field h on one row, from
