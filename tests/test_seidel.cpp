@@ -1,8 +1,5 @@
-// Seidel sums, the paraxial matrix of a range of surfaces and the chromatic
-// focal shift, against thin-lens and mirror closed forms, folded and
-// unfolded forms of one system, and each other.  Signs: for a thin lens of
-// power phi = (N - 1)(c1 - c2) in air, sum s4 = +H^2 phi / N, sum s1 > 0 for
-// a positive lens, sum c1 = -y^2 phi / V with V = (N - 1) / |n_short - n_long|.
+// Seidel sums, subsystem matrix and chromatic focal shift against closed forms.
+// Thin lens in air: s4 = +H^2 phi / N, c1 = -y^2 phi / V, s1 > 0 if positive.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -215,12 +212,9 @@ TEST(Seidel, CapacityStopsTheWalkAndShortSystemsGiveNothing) {
 }
 
 TEST(SeidelRange, AgreesWithTheAnalysisForAngleAndHeightFields) {
-  // Both forms launch the same marginal and chief rays and carry them
-  // through the same y-nu recursion; they differ only in rounding (a few ulp
-  // per step), so each sum, over the system or one surface, agrees to 1e-10
-  // of the sum of its terms' magnitudes.  First the triplet, object at
-  // infinity, angle field; then a singlet 200 mm from a height field, whose
-  // Lagrange invariant H = R h / 200 gives the Petzval sum in closed form.
+  // Each sum, whole or per surface, agrees to 1e-10 of its terms' magnitudes:
+  // the triplet at infinity (angle field), then a singlet 200 mm from a
+  // height field, whose invariant H = R h / 200 gives Petzval in closed form.
   System sys = nuvrix_test::cooke_triplet();
   sys.surfaces[0].thickness = kInf;
   std::vector<double> shrt = sys.indices, lng = sys.indices;

@@ -1,6 +1,4 @@
-// Real-ray trace: conic and plane intersection, refraction, reflection,
-// apertures, optical path, thin lenses, matrices and failure reporting,
-// checked against closed forms and physical invariants.
+// Real-ray trace against closed forms and physical invariants.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -1,7 +1,5 @@
-// The exported trace against a plain, unoptimised loop written straight
-// from the trace's formulas: every field of every result and history record
-// agrees bit for bit, over many systems, rays and wavelengths, whatever the
-// library's loop does for speed.
+// The exported trace against a plain loop written from the trace's formulas:
+// every field of every result and history record agrees bit for bit.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -14,8 +12,6 @@
 using nuvrix_test::System;
 
 namespace {
-
-// ---- The plain reference trace ---------------------------------------------
 
 struct Ray {
   double x, y, z, l, m, n, nx, ny, nz, sag, opl;
@@ -295,8 +291,6 @@ RayTraceResult reference_trace(SurfaceData const* S, int count, double const* ro
   res.opl = r.opl, res.phase_waves = phase, res.valid = 1;
   return res;
 }
-
-// ---- Comparison ----------------------------------------------------------
 
 bool same(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
