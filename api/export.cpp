@@ -18,6 +18,7 @@
 #include "first_order/semi_diameter.hpp"
 #include "merit/merit_eval.hpp"
 #include "merit/merit_function.hpp"
+#include "merit/merit_jacobian.hpp"
 #include "trace/front_ends.hpp"
 #include "trace/trace_core.hpp"
 
@@ -434,6 +435,24 @@ int32_t nuvrix_evaluate_merit(const SurfaceData* surfaces, int32_t n, const doub
   return nuvrix::evaluate_merit(surfaces, n, index_table, wavelengths, wave_count, config, fields,
                                 field_count, operands, operand_count, results, residuals,
                                 residual_count, merit, false, nullptr);
+}
+
+int32_t nuvrix_evaluate_merit_and_jacobian(
+    const SurfaceData* surfaces, int32_t n, const double* index_table, const double* wavelengths,
+    int32_t wave_count, const SystemConfig* config, const FieldData* fields, int32_t field_count,
+    const MeritOperandDesc* operands, int32_t operand_count, const MeritVariableDesc* variables,
+    int32_t variable_count, const MeritPickupDesc* pickups, int32_t pickup_count,
+    int32_t jacobian_mode, int32_t parallel, int32_t thread_count, MeritResult* results,
+    double* residuals, SurfaceData* work_surfaces, FieldData* work_fields,
+    MeritResult* thread_results, double* thread_residuals, double* jacobian,
+    int32_t* residual_count, double* merit, double* sd_scratch, int32_t* sd_rows,
+    double* sd_scratch_a, double* sd_scratch_b, double* sd_scratch_c) {
+  return nuvrix::evaluate_merit_and_jacobian(
+      surfaces, n, index_table, wavelengths, wave_count, config, fields, field_count, operands,
+      operand_count, variables, variable_count, pickups, pickup_count, jacobian_mode, parallel,
+      thread_count, results, residuals, work_surfaces, work_fields, thread_results,
+      thread_residuals, jacobian, residual_count, merit, sd_scratch, sd_rows, sd_scratch_a,
+      sd_scratch_b, sd_scratch_c);
 }
 
 int32_t nuvrix_evaluate_merit_operands(const SurfaceData* surfaces, int32_t n,

@@ -12,10 +12,12 @@
 #include "trace/front_ends.hpp"
 #include "trace/robust_offset.hpp"
 #include "trace/trace_core.hpp"
+#include "trace/trace_generic.hpp"
 #include "merit/merit_function.hpp"
 #include "merit/variable_transform.hpp"
 #include "merit/dual.hpp"
 #include "merit/wavefront_operands.hpp"
+#include "merit/jacobian_operands.hpp"
 
 namespace {
 
@@ -121,6 +123,11 @@ __attribute__((used)) void const* const kAnchors[] = {
     reinterpret_cast<void const*>(&nuvrix::compute_subsystem_abcd_t<DD, D>),
     reinterpret_cast<void const*>(&nuvrix::seidel_range_sum_t<DD, D>),
     reinterpret_cast<void const*>(&nuvrix::compute_exit_pupil_waves_t<DD>),
+    reinterpret_cast<void const*>(&nuvrix::trace_ray_t<DD, DD>),
+    reinterpret_cast<void const*>(&nuvrix::trace_ray_t<DD, D>),
+    reinterpret_cast<void const*>(&nuvrix::trace_ray_t<D, D>),
+    reinterpret_cast<void const*>(&nuvrix::dual_paraxial_operand<D>),
+    reinterpret_cast<void const*>(&nuvrix::dual_paraxial_operand<DD>),
 };
 
 }  // namespace

@@ -964,6 +964,44 @@ int32_t nuvrix_evaluate_merit(const SurfaceData* surfaces, int32_t n, const doub
                               int32_t operand_count, MeritResult* results, double* residuals,
                               int32_t* residual_count, double* merit);
 
+/* The residuals of nuvrix_evaluate_merit and their derivatives with respect
+ * to the host's unbounded variables (kinds 0 .. 13; the physical value of a
+ * bounded variable is lower + (upper - lower) / (1 + exp(-x)), of a one-sided
+ * one lower + exp(x) or upper - exp(-x)).  The caller's surfaces are never
+ * written: pickups and the automatic semi-diameters are applied to a copy.
+ *   jacobian_mode 0: finite differences (forward; central for kinds 7 and 8),
+ *     the variables split statically over thread_count threads when
+ *     parallel is set and thread_count > 1; the result does not depend on
+ *     the thread count.
+ *   jacobian_mode 1: forward-mode dual numbers, eight variables a pass, on
+ *     the calling thread; only a defined set of operands, transforms, aim
+ *     modes and variable kinds is accepted (others return -2 and nothing is
+ *     differentiated; mode 0 then works).
+ * Buffers: work_surfaces (n records a thread), work_fields (field_count a
+ * thread), thread_results (operand_count a thread), thread_residuals
+ * (2 operand_count, or 1 for an empty list, a thread); results, residuals,
+ * residual_count and merit as nuvrix_evaluate_merit; jacobian row-major,
+ * element (r, v) at r * variable_count + v, one row a residual slot.
+ * sd_scratch, sd_rows, sd_scratch_a and sd_scratch_b must be non-null in
+ * mode 1 (the analytic path keeps its work on its own stack and reads or
+ * writes none of the five; a batch shares them between its threads);
+ * sd_scratch_c may be null.
+ * Returns 0; the positive unsupported count of nuvrix_evaluate_merit (no
+ * derivative formed); -2 for a mode other than 0 or 1, a missing buffer or
+ * anything outside the analytic set; -3 when a variable of kind 5 is present
+ * (checked first).  With no variables, jacobian is not touched.  On an error
+ * return the contents of jacobian are undefined. */
+int32_t nuvrix_evaluate_merit_and_jacobian(
+    const SurfaceData* surfaces, int32_t n, const double* index_table, const double* wavelengths,
+    int32_t wave_count, const SystemConfig* config, const FieldData* fields, int32_t field_count,
+    const MeritOperandDesc* operands, int32_t operand_count, const MeritVariableDesc* variables,
+    int32_t variable_count, const MeritPickupDesc* pickups, int32_t pickup_count,
+    int32_t jacobian_mode, int32_t parallel, int32_t thread_count, MeritResult* results,
+    double* residuals, SurfaceData* work_surfaces, FieldData* work_fields,
+    MeritResult* thread_results, double* thread_residuals, double* jacobian,
+    int32_t* residual_count, double* merit, double* sd_scratch, int32_t* sd_rows,
+    double* sd_scratch_a, double* sd_scratch_b, double* sd_scratch_c);
+
 /* The legacy operand list: optical path difference (0, 1, 2), transverse x
  * and y against the chief ray (3, 5 and 4, 6), incidence load (7, only in
  * the _full form), angles at a surface (8, 9), relative illumination (10),

@@ -29,6 +29,15 @@
 #define NUVRIX_HD_COLD __attribute__((noinline, cold)) inline
 #endif
 
+// A routine over dual numbers whose steps the host compiler should see as
+// one body: the slots of every intermediate then stay in vector registers
+// instead of passing through memory at each call.
+#if defined(__CUDACC__)
+#define NUVRIX_HD_FLAT NUVRIX_HD
+#else
+#define NUVRIX_HD_FLAT __attribute__((flatten)) inline
+#endif
+
 namespace nuvrix {
 
 // The plain double maths, pulled into the namespace so that an unqualified
@@ -82,6 +91,11 @@ namespace detail {
 NUVRIX_HD double val(double v) { return v; }
 template <int N>
 NUVRIX_HD double val(Dual<N> const& x);
+
+// True when a scalar carries a derivative: never for a double.
+NUVRIX_HD bool has_slots(double) { return false; }
+template <int N>
+NUVRIX_HD bool has_slots(Dual<N> const& x);
 
 // True for a finite double (false for infinities and NaN).
 NUVRIX_HD bool is_finite(double v) { return fabs(v) <= DBL_MAX; }

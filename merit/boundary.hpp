@@ -8,6 +8,7 @@
 #pragma once
 
 #include "api/types.hpp"
+#include "merit/dual.hpp"
 #include "merit/merit_context.hpp"
 
 namespace nuvrix {
@@ -46,20 +47,59 @@ NUVRIX_HD BoundaryFamily total_boundary_family(unsigned code) {
   return {kBoundNone, kBoundAll};
 }
 
-// Sag of surface s at r2 = h^2: the base conic (a negative radicand counts
+// The surfaces as the boundary and catalogue steps read them.  The plain
+// view takes every parameter from the records; the view of the analytic
+// Jacobian takes those a variable can reach from arrays of dual numbers
+// and the rest (types, flags) from the same records.  Both give `n` and
+// `Scalar`, the number type of the parameters.
+struct PlainSurfaces {
+  using Scalar = double;
+  SurfaceData const* records;
+  int n;
+  NUVRIX_HD SurfaceData const& record(int k) const { return records[k]; }
+  NUVRIX_HD double curvature(int k) const { return records[k].curvature; }
+  NUVRIX_HD double thickness(int k) const { return records[k].thickness; }
+  NUVRIX_HD double conic(int k) const { return records[k].conic; }
+  NUVRIX_HD double coefficient(int k, int j) const { return records[k].coefficients[j]; }
+  NUVRIX_HD double focal_length(int k) const { return records[k].focal_length; }
+  NUVRIX_HD double semi_diameter(int k) const { return records[k].semi_diameter; }
+  NUVRIX_HD double model_nd(int k) const { return records[k].model_nd; }
+  NUVRIX_HD double model_vd(int k) const { return records[k].model_vd; }
+  NUVRIX_HD double model_dpgf(int k) const { return records[k].model_dpgf; }
+};
+
+// One polynomial term a p of the sag, p = r2^(j + 1).  A zero coefficient
+// adds nothing to the value; over dual numbers its derivative, p times the
+// slots of a, still counts, so that a variable on a coefficient that stands
+// at zero moves the sag as it does once it has left zero.
+NUVRIX_HD void add_sag_term(double& sag, double a, double p) {
+  if (a != 0.0) sag = fma(a, p, sag);
+}
+template <int N>
+NUVRIX_HD void add_sag_term(Dual<N>& sag, Dual<N> const& a, Dual<N> const& p) {
+  if (a.value != 0.0) {
+    sag = fma(a, p, sag);
+    return;
+  }
+  for (int k = 0; k < N; ++k) sag.d[k] = fma(a.d[k], p.value, sag.d[k]);
+}
+
+// Sag of surface k at r2 = h^2: the base conic (a negative radicand counts
 // as 0) and the polynomial terms coefficients[j] r2^(j + 1), by fused
 // multiply-adds, for every surface type alike.
-NUVRIX_HD double boundary_sag(SurfaceData const& s, double r2) {
-  double const c = s.curvature;
-  double sag = 0.0;
-  if (fabs(c) > kTiny) {
-    double radicand = 1.0 - (1.0 + s.conic) * c * c * r2;
-    if (radicand < 0.0) radicand = 0.0;
+template <typename V>
+NUVRIX_HD typename V::Scalar boundary_sag(V const& v, int k, typename V::Scalar const& r2) {
+  using T = typename V::Scalar;
+  auto const& c = v.curvature(k);
+  T sag = T(0.0);
+  if (fabs(val(c)) > kTiny) {
+    T radicand = 1.0 - (1.0 + v.conic(k)) * c * c * r2;
+    if (radicand < 0.0) radicand = T(0.0);
     sag = c * r2 / (1.0 + sqrt(radicand));
   }
-  double power = r2;
+  T power = r2;
   for (int j = 0; j < 8; ++j) {
-    if (s.coefficients[j] != 0.0) sag = fma(s.coefficients[j], power, sag);
+    add_sag_term(sag, v.coefficient(k, j), power);
     power *= r2;
   }
   return sag;
@@ -67,34 +107,37 @@ NUVRIX_HD double boundary_sag(SurfaceData const& s, double r2) {
 
 // Thickness at the edge between surfaces k and k + 1, at the larger of
 // their two semi-diameters.
-NUVRIX_HD double boundary_edge_thickness(SurfaceData const* surfaces, int k) {
-  double const a = surfaces[k].semi_diameter, b = surfaces[k + 1].semi_diameter;
-  double const h = a > b ? a : b;
-  double const r2 = h * h;
-  return surfaces[k].thickness - boundary_sag(surfaces[k], r2) +
-         boundary_sag(surfaces[k + 1], r2);
+template <typename V>
+NUVRIX_HD typename V::Scalar boundary_edge_thickness(V const& v, int k) {
+  using T = typename V::Scalar;
+  auto const& a = v.semi_diameter(k);
+  auto const& b = v.semi_diameter(k + 1);
+  T const h = a > b ? a : b;
+  T const r2 = h * h;
+  return v.thickness(k) - boundary_sag(v, k, r2) + boundary_sag(v, k + 1, r2);
 }
 
 // The quantity of surface k, or false when the surface is not taken.
-NUVRIX_HD bool boundary_quantity(BoundaryFamily f, SurfaceData const* surfaces, int n, int k,
-                                 double& q) {
-  SurfaceData const& s = surfaces[k];
+template <typename V>
+NUVRIX_HD bool boundary_quantity(BoundaryFamily f, V const& v, int k, typename V::Scalar& q) {
+  SurfaceData const& s = v.record(k);
   if (f.medium == kBoundAir && s.is_glass != 0) return false;
   if (f.medium == kBoundGlass && s.is_glass == 0) return false;
+  auto const& t = v.thickness(k);
   switch (f.quantity) {
-    case kBoundCurvature: q = s.curvature; return true;
+    case kBoundCurvature: q = v.curvature(k); return true;
     case kBoundThickness:
-      if (is_inf(s.thickness)) return false;
-      q = s.thickness;
+      if (is_inf(val(t))) return false;
+      q = t;
       return true;
     case kBoundEdge:
-      if (!is_finite(s.thickness) || k + 1 >= n) return false;
-      q = boundary_edge_thickness(surfaces, k);
+      if (!is_finite(val(t)) || k + 1 >= v.n) return false;
+      q = boundary_edge_thickness(v, k);
       return true;
-    case kBoundSemiDiameter: q = s.semi_diameter; return true;
+    case kBoundSemiDiameter: q = v.semi_diameter(k); return true;
     case kBoundAspect:
-      if (!is_finite(s.thickness) || !(fabs(s.thickness) >= 1e-12)) return false;
-      q = 2.0 * s.semi_diameter / fabs(s.thickness);
+      if (!is_finite(val(t)) || !(fabs(val(t)) >= 1e-12)) return false;
+      q = 2.0 * v.semi_diameter(k) / fabs(t);
       return true;
     default: return false;
   }
@@ -113,8 +156,9 @@ NUVRIX_HD void boundary_scan_range(MeritOperandDesc const& op, int n, SystemConf
 }
 
 // Squared violation of the bounds by q.
-NUVRIX_HD double bound_violation_sq(MeritOperandDesc const& op, double q) {
-  double sum = 0.0;
+template <typename T>
+NUVRIX_HD T bound_violation_sq(MeritOperandDesc const& op, T const& q) {
+  T sum = T(0.0);
   if (op.has_lower != 0 && op.lower > q) sum += (op.lower - q) * (op.lower - q);
   if (op.has_upper != 0 && q > op.upper) sum += (q - op.upper) * (q - op.upper);
   return sum;
@@ -122,14 +166,61 @@ NUVRIX_HD double bound_violation_sq(MeritOperandDesc const& op, double q) {
 
 // The side of a range that breaks the bounds more: the minimum when only
 // the lower bound is broken, the maximum when the upper bound is broken by
-// strictly more than the lower one; `neither` otherwise.
-NUVRIX_HD double select_broken_side(MeritOperandDesc const& op, double mn, double mx,
-                                    double neither) {
+// strictly more than the lower one; `neither` otherwise.  Chosen by value.
+template <typename T>
+NUVRIX_HD T select_broken_side(MeritOperandDesc const& op, T const& mn, T const& mx,
+                               T const& neither) {
   bool const low = op.lower > mn, high = mx > op.upper;
   if (low && high) return (mx - op.upper <= op.lower - mn) ? mn : mx;
   if (low) return mn;
   if (high) return mx;
   return neither;
+}
+
+// Codes 37 to 47 over either view: the extreme of the quantity over the
+// range that the bounds select; without bounds the midpoint of the
+// extremes.  0 for a code outside the family or when no surface is taken.
+template <typename V>
+NUVRIX_HD typename V::Scalar boundary_extreme(MeritOperandDesc const& op, V const& v,
+                                              SystemConfig const* config) {
+  using T = typename V::Scalar;
+  BoundaryFamily const f = extreme_boundary_family(op.type);
+  if (f.quantity == kBoundNone) return T(0.0);
+  int first = 0, end = 0;
+  boundary_scan_range(op, v.n, config, f.quantity, first, end);
+  bool any = false;
+  T mn = T(0.0), mx = T(0.0);
+  for (int k = first; k <= end; ++k) {
+    T q = T(0.0);
+    if (!boundary_quantity(f, v, k, q)) continue;
+    if (!any || q < mn) mn = q;
+    if (!any || q > mx) mx = q;
+    any = true;
+  }
+  if (!any) return T(0.0);
+  bool const lower = op.has_lower != 0, upper = op.has_upper != 0;
+  if (!lower && !upper) return (mn + mx) / 2.0;
+  if (!lower) return mx;
+  if (!upper) return mn;
+  return select_broken_side(op, mn, mx, mn);
+}
+
+// Codes 88 to 98 over either view: the root of the sum of the squared
+// violations of every surface taken; 0 when nothing is violated.
+template <typename V>
+NUVRIX_HD typename V::Scalar boundary_total(MeritOperandDesc const& op, V const& v,
+                                            SystemConfig const* config) {
+  using T = typename V::Scalar;
+  BoundaryFamily const f = total_boundary_family(op.type);
+  if (f.quantity == kBoundNone) return T(0.0);
+  int first = 0, end = 0;
+  boundary_scan_range(op, v.n, config, f.quantity, first, end);
+  T sum = T(0.0);
+  for (int k = first; k <= end; ++k) {
+    T q = T(0.0);
+    if (boundary_quantity(f, v, k, q)) sum += bound_violation_sq(op, q);
+  }
+  return sqrt(sum);
 }
 
 constexpr double kDegPerRad = 57.29577951308232;
@@ -212,41 +303,14 @@ NUVRIX_HD double evaluate_angle_boundary_total(MeritOperandDesc const& op,
 // outside the family or when no surface is taken.
 NUVRIX_HD double evaluate_boundary(MeritOperandDesc const& op, SurfaceData const* surfaces, int n,
                                    SystemConfig const* config) {
-  detail::BoundaryFamily const f = detail::extreme_boundary_family(op.type);
-  if (f.quantity == detail::kBoundNone) return 0.0;
-  int first = 0, end = 0;
-  detail::boundary_scan_range(op, n, config, f.quantity, first, end);
-  bool any = false;
-  double mn = 0.0, mx = 0.0;
-  for (int k = first; k <= end; ++k) {
-    double q = 0.0;
-    if (!detail::boundary_quantity(f, surfaces, n, k, q)) continue;
-    if (!any || q < mn) mn = q;
-    if (!any || q > mx) mx = q;
-    any = true;
-  }
-  if (!any) return 0.0;
-  bool const lower = op.has_lower != 0, upper = op.has_upper != 0;
-  if (!lower && !upper) return (mn + mx) / 2.0;
-  if (!lower) return mx;
-  if (!upper) return mn;
-  return detail::select_broken_side(op, mn, mx, mn);
+  return detail::boundary_extreme(op, detail::PlainSurfaces{surfaces, n}, config);
 }
 
 // Codes 88 to 98: the root of the sum of the squared violations of every
 // surface taken; 0 when nothing is violated.
 NUVRIX_HD double evaluate_boundary_total(MeritOperandDesc const& op, SurfaceData const* surfaces,
                                          int n, SystemConfig const* config) {
-  detail::BoundaryFamily const f = detail::total_boundary_family(op.type);
-  if (f.quantity == detail::kBoundNone) return 0.0;
-  int first = 0, end = 0;
-  detail::boundary_scan_range(op, n, config, f.quantity, first, end);
-  double sum = 0.0;
-  for (int k = first; k <= end; ++k) {
-    double q = 0.0;
-    if (detail::boundary_quantity(f, surfaces, n, k, q)) sum += detail::bound_violation_sq(op, q);
-  }
-  return sqrt(sum);
+  return detail::boundary_total(op, detail::PlainSurfaces{surfaces, n}, config);
 }
 
 }  // namespace nuvrix

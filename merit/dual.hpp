@@ -12,15 +12,24 @@ namespace nuvrix {
 
 constexpr double kDualRootCut = 1e-300;  // below this root the derivative of sqrt is 0
 
+// Tag of the constructor that leaves the slots for the caller to write.
+struct DualSlotsFollow {};
+
 template <int N>
 struct Dual {
   double value;
   double d[N];
 
+  // Left unset, as a double declared without a value is; Dual() (value
+  // initialisation) is 0 with every slot 0.  Large work arrays of duals thus
+  // cost nothing until they are written.
+  Dual() = default;
   // A constant: the value with every slot 0.
-  NUVRIX_HD Dual(double v = 0.0) : value(v) {  // NOLINT: constants convert implicitly
+  NUVRIX_HD Dual(double v) : value(v) {  // NOLINT: constants convert implicitly
     for (int k = 0; k < N; ++k) d[k] = 0.0;
   }
+  // The value alone; every slot is written next by the rule that made it.
+  NUVRIX_HD Dual(DualSlotsFollow, double v) : value(v) {}
 };
 
 // The variable of slot `slot`: the value with a unit derivative there.
@@ -38,10 +47,17 @@ NUVRIX_HD double val(Dual<N> const& x) {
   return x.value;
 }
 
+template <int N>
+NUVRIX_HD bool has_slots(Dual<N> const& x) {
+  bool any = false;
+  for (int k = 0; k < N; ++k) any = any || x.d[k] != 0.0;
+  return any;
+}
+
 // r.d = a.d * s, slot by slot.
 template <int N>
 NUVRIX_HD Dual<N> scaled(double value, Dual<N> const& a, double s) {
-  Dual<N> r(value);
+  Dual<N> r(DualSlotsFollow{}, value);
   for (int k = 0; k < N; ++k) r.d[k] = a.d[k] * s;
   return r;
 }
@@ -61,7 +77,7 @@ NUVRIX_HD Dual<N> operator+(Dual<N> const& a) {
 // (a + h) + (b + k) = (a + b) + (h + k)
 template <int N>
 NUVRIX_HD Dual<N> operator+(Dual<N> const& a, Dual<N> const& b) {
-  Dual<N> r(a.value + b.value);
+  Dual<N> r(DualSlotsFollow{}, a.value + b.value);
   for (int k = 0; k < N; ++k) r.d[k] = a.d[k] + b.d[k];
   return r;
 }
@@ -81,7 +97,7 @@ NUVRIX_HD Dual<N> operator+(double a, Dual<N> const& b) {
 // (a + h) - (b + k) = (a - b) + (h - k)
 template <int N>
 NUVRIX_HD Dual<N> operator-(Dual<N> const& a, Dual<N> const& b) {
-  Dual<N> r(a.value - b.value);
+  Dual<N> r(DualSlotsFollow{}, a.value - b.value);
   for (int k = 0; k < N; ++k) r.d[k] = a.d[k] - b.d[k];
   return r;
 }
@@ -99,7 +115,7 @@ NUVRIX_HD Dual<N> operator-(double a, Dual<N> const& b) {
 // (a + h) (b + k) = ab + (a k + b h)
 template <int N>
 NUVRIX_HD Dual<N> operator*(Dual<N> const& a, Dual<N> const& b) {
-  Dual<N> r(a.value * b.value);
+  Dual<N> r(DualSlotsFollow{}, a.value * b.value);
   for (int k = 0; k < N; ++k) r.d[k] = fma(a.value, b.d[k], b.value * a.d[k]);
   return r;
 }
@@ -112,25 +128,26 @@ NUVRIX_HD Dual<N> operator*(double a, Dual<N> const& b) {
   return detail::scaled(a * b.value, b, a);
 }
 
-// (a + h) / (b + k) = a/b + (h - (a/b) k) / b, through one reciprocal of b
+// (a + h) / (b + k) = a/b + (h - (a/b) k) / b.  The slots go through one
+// reciprocal of b; the value is the quotient itself, correctly rounded, so
+// that it is the plain routine's value to the bit.
 template <int N>
 NUVRIX_HD Dual<N> operator/(Dual<N> const& a, Dual<N> const& b) {
   double const inv = 1.0 / b.value;
-  double const q = a.value * inv;
-  Dual<N> r(q);
+  double const q = a.value / b.value;
+  Dual<N> r(DualSlotsFollow{}, q);
   for (int k = 0; k < N; ++k) r.d[k] = (a.d[k] - q * b.d[k]) * inv;
   return r;
 }
 template <int N>
 NUVRIX_HD Dual<N> operator/(Dual<N> const& a, double b) {
-  double const inv = 1.0 / b;
-  return detail::scaled(a.value * inv, a, inv);
+  return detail::scaled(a.value / b, a, 1.0 / b);
 }
 // a / (b + k) = a/b - (a/b) k / b
 template <int N>
 NUVRIX_HD Dual<N> operator/(double a, Dual<N> const& b) {
   double const inv = 1.0 / b.value;
-  double const q = a * inv;
+  double const q = a / b.value;
   return detail::scaled(q, b, -q * inv);
 }
 
@@ -173,13 +190,13 @@ NUVRIX_HD bool operator>(double a, Dual<N> const& b) { return a > b.value; }
 // one fused multiply-add as in the plain step.
 template <int N>
 NUVRIX_HD Dual<N> fma(Dual<N> const& a, Dual<N> const& b, Dual<N> const& c) {
-  Dual<N> r(fma(a.value, b.value, c.value));
+  Dual<N> r(DualSlotsFollow{}, fma(a.value, b.value, c.value));
   for (int k = 0; k < N; ++k) r.d[k] = fma(a.value, b.d[k], fma(b.value, a.d[k], c.d[k]));
   return r;
 }
 template <int N>
 NUVRIX_HD Dual<N> fma(double a, Dual<N> const& b, Dual<N> const& c) {
-  Dual<N> r(fma(a, b.value, c.value));
+  Dual<N> r(DualSlotsFollow{}, fma(a, b.value, c.value));
   for (int k = 0; k < N; ++k) r.d[k] = fma(a, b.d[k], c.d[k]);
   return r;
 }
@@ -189,7 +206,7 @@ NUVRIX_HD Dual<N> fma(Dual<N> const& a, double b, Dual<N> const& c) {
 }
 template <int N>
 NUVRIX_HD Dual<N> fma(Dual<N> const& a, Dual<N> const& b, double c) {
-  Dual<N> r(fma(a.value, b.value, c));
+  Dual<N> r(DualSlotsFollow{}, fma(a.value, b.value, c));
   for (int k = 0; k < N; ++k) r.d[k] = fma(a.value, b.d[k], b.value * a.d[k]);
   return r;
 }
@@ -258,7 +275,7 @@ NUVRIX_HD Dual<N> acos(Dual<N> const& a) {
 template <int N>
 NUVRIX_HD Dual<N> atan2(Dual<N> const& a, Dual<N> const& b) {
   double const inv = 1.0 / (a.value * a.value + b.value * b.value);
-  Dual<N> r(atan2(a.value, b.value));
+  Dual<N> r(DualSlotsFollow{}, atan2(a.value, b.value));
   for (int k = 0; k < N; ++k) r.d[k] = (b.value * a.d[k] - a.value * b.d[k]) * inv;
   return r;
 }

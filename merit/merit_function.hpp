@@ -48,36 +48,41 @@ NUVRIX_HD void merit_raw_value(MeritOperandDesc const& op, SurfaceData const* su
 
 // Step 3: the value of composite i from the results before and after it
 // as they stand.  References are checked for range only.
-NUVRIX_HD double merit_composite(MeritOperandDesc const& op, MeritResult const* results,
-                                 int count) {
+// R is a result record with `value` and `status`: MeritResult, or its dual
+// form in the analytic Jacobian, where the same steps carry the slots.
+template <typename R>
+NUVRIX_HD auto merit_composite(MeritOperandDesc const& op, R const* results, int count)
+    -> decltype(results[0].value) {
+  using S = decltype(results[0].value);
   int const a = op.operand_a, b = op.operand_b;
   bool const a_in = a >= 0 && a < count, b_in = b >= 0 && b < count;
   int const lo = a < 0 ? 0 : a, hi = b > count - 1 ? count - 1 : b;
   switch (op.type) {
-    case 29: return a_in ? results[a].value * op.scale : 0.0;
-    case 31: return a_in && b_in ? results[a].value + results[b].value : 0.0;
+    case 29: return a_in ? S(results[a].value * op.scale) : S(0.0);
+    case 31: return a_in && b_in ? S(results[a].value + results[b].value) : S(0.0);
     case 32:
-      if (!(a_in && b_in)) return 0.0;
-      if (fabs(results[b].value) <= kCompositeDivGuard) return kCompositeDivLarge;
+      if (!(a_in && b_in)) return S(0.0);
+      if (fabs(val(results[b].value)) <= kCompositeDivGuard) return S(kCompositeDivLarge);
       return results[a].value / results[b].value;
-    case 33: return a_in && b_in ? results[a].value * results[b].value : 0.0;
-    case 36: return a_in && b_in ? results[a].value - results[b].value : 0.0;
+    case 33: return a_in && b_in ? S(results[a].value * results[b].value) : S(0.0);
+    case 36: return a_in && b_in ? S(results[a].value - results[b].value) : S(0.0);
     default: break;
   }
-  if (lo > hi) return 0.0;
-  double sum = 0.0;
+  if (lo > hi) return S(0.0);
+  S sum = S(0.0);
   for (int k = lo; k <= hi; ++k) {
-    double const v = results[k].value;
-    sum += op.type == 35 ? v * v : v;
+    S const v = results[k].value;
+    sum += op.type == 35 ? S(v * v) : v;
   }
   if (op.type == 30) return sum;
   if (op.type == 35) return sqrt(sum);
-  // 34: target plus the absolute deviations from the mean above target.
-  double const mean = sum / (hi - lo + 1);
-  double spread = 0.0;
+  // 34: target plus the absolute deviations from the mean above target;
+  // the target itself carries no derivative.
+  S const mean = sum / double(hi - lo + 1);
+  S spread = S(0.0);
   for (int k = lo; k <= hi; ++k) {
-    double const dev = fabs(results[k].value - mean);
-    if (dev > op.target) spread += dev;
+    S const dev = fabs(results[k].value - mean);
+    if (val(dev) > op.target) spread += dev;
   }
   return op.target + spread;
 }
@@ -97,8 +102,9 @@ NUVRIX_HD bool first_of_group(int i, Same const& same) {
 // Step 4: the weighted centroid of each group of code 70 or 71 (equal hy
 // and centroid tag) is taken out; for code 70 each product is added and at
 // once taken away again, so that x stays in place and only y is shifted.
-NUVRIX_HD void merit_remove_centroids(MeritOperandDesc const* ops, int count,
-                                      MeritResult* results) {
+template <typename R>
+NUVRIX_HD void merit_remove_centroids(MeritOperandDesc const* ops, int count, R* results) {
+  using S = decltype(results[0].value);
   for (int i = 0; i < count; ++i) {
     unsigned const code = ops[i].type;
     if (code != 70 && code != 71) continue;
@@ -107,16 +113,17 @@ NUVRIX_HD void merit_remove_centroids(MeritOperandDesc const* ops, int count,
              ops[j].centroid_tag == ops[i].centroid_tag;
     };
     if (!first_of_group(i, same)) continue;
-    double weighted = 0.0, weights = 0.0;
+    S weighted = S(0.0);
+    double weights = 0.0;
     for (int j = i; j < count; ++j) {
       if (!same(j) || ops[j].weight == 0.0 || results[j].status == -1) continue;
-      double const product = ops[j].weight * results[j].value;
+      S const product = ops[j].weight * results[j].value;
       weighted += product;
       if (code == 70) weighted -= product;
       weights += ops[j].weight;
     }
     if (!(weights > 0.0)) continue;
-    double const mean = weighted / weights;
+    S const mean = weighted / weights;
     for (int j = i; j < count; ++j) {
       if (same(j) && results[j].status != -1) results[j].value -= mean;
     }
@@ -124,21 +131,24 @@ NUVRIX_HD void merit_remove_centroids(MeritOperandDesc const* ops, int count,
 }
 
 // Weighted mean of the usable members of a group, and their weight sum.
-template <typename Member>
-NUVRIX_HD double group_mean(MeritOperandDesc const* ops, MeritResult const* results, int from,
-                            int count, Member const& member, double& weights) {
-  double weighted = 0.0;
+template <typename R, typename Member>
+NUVRIX_HD auto group_mean(MeritOperandDesc const* ops, R const* results, int from, int count,
+                          Member const& member, double& weights) -> decltype(results[0].value) {
+  using S = decltype(results[0].value);
+  S weighted = S(0.0);
   weights = 0.0;
   for (int j = from; j < count; ++j) {
     if (!member(j)) continue;
     weighted += ops[j].weight * results[j].value;
     weights += ops[j].weight;
   }
-  return weights > 0.0 ? weighted / weights : 0.0;
+  return weights > 0.0 ? S(weighted / weights) : S(0.0);
 }
 
 // Step 5: piston of code 68 per field (hy) and wavelength.
-NUVRIX_HD void merit_remove_piston(MeritOperandDesc const* ops, int count, MeritResult* results) {
+template <typename R>
+NUVRIX_HD void merit_remove_piston(MeritOperandDesc const* ops, int count, R* results) {
+  using S = decltype(results[0].value);
   for (int i = 0; i < count; ++i) {
     if (ops[i].type != 68 || results[i].status == -1) continue;
     auto member = [&](int j) {
@@ -147,7 +157,7 @@ NUVRIX_HD void merit_remove_piston(MeritOperandDesc const* ops, int count, Merit
     };
     if (!first_of_group(i, member)) continue;
     double weights = 0.0;
-    double const mean = group_mean(ops, results, i, count, member, weights);
+    S const mean = group_mean(ops, results, i, count, member, weights);
     if (!(weights > 0.0)) continue;
     for (int j = i; j < count; ++j) {
       if (member(j)) results[j].value -= mean;
@@ -156,11 +166,17 @@ NUVRIX_HD void merit_remove_piston(MeritOperandDesc const* ops, int count, Merit
 }
 
 // Sums of the plane fit v = a px + b py + c over the pupil points.
+// The point sums are plain; only the sums over the values carry slots.
+template <typename S>
 struct TiltSums {
-  double n, x, y, v, xx, yy, xy, xv, yv;
+  double n, x, y;
+  S v;
+  double xx, yy, xy;
+  S xv, yv;
 };
 
-NUVRIX_HD void add_tilt_point(TiltSums& s, double px, double py, double v) {
+template <typename S>
+NUVRIX_HD void add_tilt_point(TiltSums<S>& s, double px, double py, S const& v) {
   s.n += 1.0;
   s.x += px, s.y += py, s.v += v;
   s.xx += px * px, s.yy += py * py, s.xy += px * py;
@@ -171,7 +187,9 @@ NUVRIX_HD void add_tilt_point(TiltSums& s, double px, double py, double v) {
 // fitted to the mean of every pupil point over all wavelengths, with the
 // mirror image of each off-axis point added on an axial field; then the
 // piston of each wavelength.
-NUVRIX_HD void merit_remove_tilt(MeritOperandDesc const* ops, int count, MeritResult* results) {
+template <typename R>
+NUVRIX_HD void merit_remove_tilt(MeritOperandDesc const* ops, int count, R* results) {
+  using S = decltype(results[0].value);
   for (int i = 0; i < count; ++i) {
     if (ops[i].type != 67 || results[i].status == -1) continue;
     auto member = [&](int j) {
@@ -183,14 +201,14 @@ NUVRIX_HD void merit_remove_tilt(MeritOperandDesc const* ops, int count, MeritRe
     if (members <= 2) continue;
 
     double const A = fabs(ops[i].hx);
-    TiltSums s = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
+    TiltSums<S> s = {0.0, 0.0, 0.0, S(0.0), 0.0, 0.0, 0.0, S(0.0), S(0.0)};
     for (int j = i; j < count; ++j) {
       if (!member(j)) continue;
       double const px = ops[j].px, py = ops[j].py;
       auto at_point = [&](int k) { return member(k) && ops[k].px == px && ops[k].py == py; };
       if (!first_of_group(j, at_point)) continue;
       double weights = 0.0;
-      double const v = group_mean(ops, results, j, count, at_point, weights);
+      S const v = group_mean(ops, results, j, count, at_point, weights);
       if (!(weights > 0.0)) continue;
       add_tilt_point(s, px, py, v);
       if (A < kTiltAxisLimit && fabs(px) > kTiltAxisLimit) add_tilt_point(s, -px, py, v);
@@ -198,9 +216,9 @@ NUVRIX_HD void merit_remove_tilt(MeritOperandDesc const* ops, int count, MeritRe
     if (s.n <= 1.0) continue;
     double const cxx = s.xx - s.x * s.x / s.n, cyy = s.yy - s.y * s.y / s.n;
     double const cxy = s.xy - s.x * s.y / s.n;
-    double const cxv = s.xv - s.x * s.v / s.n, cyv = s.yv - s.y * s.v / s.n;
+    S const cxv = s.xv - s.x * s.v / s.n, cyv = s.yv - s.y * s.v / s.n;
     double const D = cxx * cyy - cxy * cxy;
-    double a = 0.0, b = 0.0;
+    S a = S(0.0), b = S(0.0);
     if (fabs(D) > kTiltFitGuard) {
       a = (cyy * cxv - cxy * cyv) / D;
       b = (cxx * cyv - cxy * cxv) / D;
@@ -214,7 +232,7 @@ NUVRIX_HD void merit_remove_tilt(MeritOperandDesc const* ops, int count, MeritRe
       auto same_wave = [&](int k) { return member(k) && ops[k].wave == wave; };
       if (!first_of_group(j, same_wave)) continue;
       double weights = 0.0;
-      double const mean = group_mean(ops, results, j, count, same_wave, weights);
+      S const mean = group_mean(ops, results, j, count, same_wave, weights);
       if (!(weights > 0.0)) continue;
       for (int k = j; k < count; ++k) {
         if (same_wave(k)) results[k].value -= mean;

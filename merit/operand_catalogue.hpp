@@ -17,53 +17,64 @@ constexpr int kDefaultAzimuths = 36;       // code 59 without a sample count
 namespace detail {
 
 // Element k of an index row; outside the row the medium is air.
-NUVRIX_HD double row_index(double const* row, int n, int k) {
-  return (k >= 0 && k < n) ? row[k] : 1.0;
+template <typename U>
+NUVRIX_HD U row_index(U const* row, int n, int k) {
+  return (k >= 0 && k < n) ? row[k] : U(1.0);
 }
 
-// The marginal paraxial step of the catalogue, written out on its own:
+// The marginal paraxial step of the catalogue, written out on its own, over
+// either view of the surfaces (boundary.hpp) and index rows of scalar U:
 // transfer unless the thickness is infinite in the sense of the trace, ...
-NUVRIX_HD void catalogue_transfer(double t, double& y, double u) {
-  if (!is_infinite_distance(t)) y = y + t * u;
+template <typename T>
+NUVRIX_HD void catalogue_transfer(T const& t, T& y, T const& u) {
+  if (!is_infinite_distance(val(t))) y = y + t * u;
 }
 
-// ... and the action of surface s between indices n_a and n_b: a matrix,
+// ... and the action of surface k between indices n_a and n_b: a matrix,
 // an ideal lens (no power unless its focal length is finite and not zero),
 // a mirror (power -2 n c, the next index -n) or a refracting surface.
-NUVRIX_HD void catalogue_act(SurfaceData const& s, double n_a, double n_b, double& y, double& u) {
+template <typename V, typename U>
+NUVRIX_HD void catalogue_act(V const& v, int k, U const& n_a, U const& n_b, typename V::Scalar& y,
+                             typename V::Scalar& u) {
+  using T = typename V::Scalar;
+  SurfaceData const& s = v.record(k);
   if (s.type == NUVRIX_SURFACE_MATRIX) {
-    double const* m = s.coefficients;
-    double const yp = m[0] * y + m[1] * u, up = m[2] * y + m[3] * u;
+    T const yp = v.coefficient(k, 0) * y + v.coefficient(k, 1) * u;
+    T const up = v.coefficient(k, 2) * y + v.coefficient(k, 3) * u;
     y = yp;
     u = up;
     return;
   }
-  double power, next = n_b;
+  T power;
+  U next = n_b;
   if (s.type == NUVRIX_SURFACE_PARAXIAL_LENS) {
-    power = (is_finite(s.focal_length) && s.focal_length != 0.0) ? 1.0 / s.focal_length : 0.0;
+    auto const& f = v.focal_length(k);
+    power = (is_finite(val(f)) && val(f) != 0.0) ? T(1.0 / f) : T(0.0);
   } else if (s.is_mirror != 0) {
-    power = -2.0 * n_a * s.curvature;
+    power = -2.0 * n_a * v.curvature(k);
     next = -n_a;
   } else {
-    power = (n_b - n_a) * s.curvature;
+    power = (n_b - n_a) * v.curvature(k);
   }
   u = (n_a * u - y * power) / next;
 }
 
 // Surface i of the marginal trace: the spacing in front of it, then its action.
-NUVRIX_HD void catalogue_step(SurfaceData const* surfaces, int n, double const* row, int i,
-                              double& y, double& u) {
-  catalogue_transfer(surfaces[i - 1].thickness, y, u);
-  catalogue_act(surfaces[i], row_index(row, n, i - 1), row_index(row, n, i), y, u);
+template <typename V, typename U>
+NUVRIX_HD void catalogue_step(V const& v, U const* row, int i, typename V::Scalar& y,
+                              typename V::Scalar& u) {
+  catalogue_transfer(v.thickness(i - 1), y, u);
+  catalogue_act(v, i, row_index(row, v.n, i - 1), row_index(row, v.n, i), y, u);
 }
 
 // Codes 13 to 18: slope or height of the paraxial marginal ray just behind
 // `surface`; 0 when that surface is not met.
 NUVRIX_HD double paraxial_marginal_at(SurfaceData const* surfaces, int n, double const* row,
                                       double pupil_radius, int surface, bool slope) {
+  PlainSurfaces const v{surfaces, n};
   double y = pupil_radius, u = 0.0, value = 0.0;
   for (int i = 1; i <= n - 1; ++i) {
-    catalogue_step(surfaces, n, row, i, y, u);
+    catalogue_step(v, row, i, y, u);
     if (i == surface) value = slope ? u : y;
   }
   return value;
@@ -71,12 +82,18 @@ NUVRIX_HD double paraxial_marginal_at(SurfaceData const* surfaces, int n, double
 
 // Code 50 and the scale of the distortion codes: -n0 / (u' n') of a unit
 // ray parallel to the axis; 1e15 when afocal, 0 below 2 surfaces.
-NUVRIX_HD double catalogue_focal_length(SurfaceData const* surfaces, int n, double const* row) {
-  if (n < 2) return 0.0;
-  double y = 1.0, u = 0.0;
-  for (int i = 1; i <= n - 1; ++i) catalogue_step(surfaces, n, row, i, y, u);
-  if (!(fabs(u) > kTiny)) return kNoPowerFocal;
+template <typename V, typename U>
+NUVRIX_HD typename V::Scalar catalogue_focal_length(V const& v, U const* row) {
+  using T = typename V::Scalar;
+  int const n = v.n;
+  if (n < 2) return T(0.0);
+  T y = T(1.0), u = T(0.0);
+  for (int i = 1; i <= n - 1; ++i) catalogue_step(v, row, i, y, u);
+  if (!(fabs(val(u)) > kTiny)) return T(kNoPowerFocal);
   return -row_index(row, n, 0) / (u * row_index(row, n, n - 2));
+}
+NUVRIX_HD double catalogue_focal_length(SurfaceData const* surfaces, int n, double const* row) {
+  return catalogue_focal_length(PlainSurfaces{surfaces, n}, row);
 }
 
 // Code 51: back focus from the state behind the last surface in front of
@@ -97,65 +114,95 @@ NUVRIX_HD double catalogue_back_focus(SurfaceData const* surfaces, int n, double
 // Codes 75 to 78 and 87: the paraxial matrix of surfaces from max(first, 1)
 // to min(last, n - 1), by two rays (1, 0) and (0, 1); the identity for an
 // empty range.  m = {A, B, C, D}.
-NUVRIX_HD void catalogue_matrix(SurfaceData const* surfaces, int n, double const* row, int first,
-                                int last, double m[4]) {
+template <typename V, typename U>
+NUVRIX_HD void catalogue_matrix(V const& v, U const* row, int first, int last,
+                                typename V::Scalar m[4]) {
+  using T = typename V::Scalar;
   int const a = first > 1 ? first : 1;
-  int const b = last < n ? last : n - 1;
-  double y1 = 1.0, u1 = 0.0, y2 = 0.0, u2 = 1.0;
+  int const b = last < v.n ? last : v.n - 1;
+  T y1 = T(1.0), u1 = T(0.0), y2 = T(0.0), u2 = T(1.0);
   for (int i = a; i <= b; ++i) {
-    double const n_a = row_index(row, n, i - 1), n_b = row_index(row, n, i);
-    catalogue_act(surfaces[i], n_a, n_b, y1, u1);
-    catalogue_act(surfaces[i], n_a, n_b, y2, u2);
+    U const n_a = row_index(row, v.n, i - 1), n_b = row_index(row, v.n, i);
+    catalogue_act(v, i, n_a, n_b, y1, u1);
+    catalogue_act(v, i, n_a, n_b, y2, u2);
     if (i < b) {
-      catalogue_transfer(surfaces[i].thickness, y1, u1);
-      catalogue_transfer(surfaces[i].thickness, y2, u2);
+      catalogue_transfer(v.thickness(i), y1, u1);
+      catalogue_transfer(v.thickness(i), y2, u2);
     }
   }
   m[0] = y1, m[1] = y2, m[2] = u1, m[3] = u2;
 }
 
+// The element of the range's matrix that code 75 to 78 names, or for code
+// 87 its determinant A D - B C.
+template <typename V, typename U>
+NUVRIX_HD typename V::Scalar catalogue_matrix_operand(MeritOperandDesc const& op, V const& v,
+                                                      U const* row) {
+  typename V::Scalar m[4];
+  catalogue_matrix(v, row, op.surface_first, op.surface_last, m);
+  return op.type == 87 ? m[0] * m[3] - m[1] * m[2] : m[static_cast<int>(op.type) - 75];
+}
+
 // Code 57: the inner thicknesses, less the negative spacing of a dummy stop
-// on surface 1 in air.
-NUVRIX_HD double catalogue_total_track(SurfaceData const* surfaces, int n, double const* primary,
-                                       int stop) {
-  if (n < 3) return 0.0;
-  double sum = 0.0;
+// on surface 1 in air; that rule reads plain values.
+template <typename V, typename U>
+NUVRIX_HD typename V::Scalar catalogue_total_track(V const& v, U const* primary, int stop) {
+  using T = typename V::Scalar;
+  int const n = v.n;
+  if (n < 3) return T(0.0);
+  T sum = T(0.0);
   for (int i = 1; i <= n - 2; ++i) {
-    double const t = surfaces[i].thickness;
-    if (is_infinite_distance(t)) continue;
-    if (i == 1 && stop == 1 && t < 0.0 && row_index(primary, n, 1) < 1.1) continue;
+    auto const& t = v.thickness(i);
+    if (is_infinite_distance(val(t))) continue;
+    if (i == 1 && stop == 1 && val(t) < 0.0 && val(row_index(primary, n, 1)) < 1.1) continue;
     sum += t;
   }
   return sum;
 }
 
-// Code 79: parameter p (from 1) of a surface: a matrix element, the focal
+// Code 79: parameter p (from 1) of surface k: a matrix element, the focal
 // length of an ideal lens, an aspheric coefficient; 0 otherwise.
-NUVRIX_HD double catalogue_surface_parameter(SurfaceData const* surfaces, int n, int k, int p) {
-  if (k < 0 || k >= n || p < 1) return 0.0;
-  SurfaceData const& s = surfaces[k];
-  if (s.type == NUVRIX_SURFACE_MATRIX && p <= 4) return s.coefficients[p - 1];
-  if (s.type == NUVRIX_SURFACE_PARAXIAL_LENS && p == 1) return s.focal_length;
-  if (s.type == NUVRIX_SURFACE_EVEN_ASPHERE && p <= 8) return s.coefficients[p - 1];
-  return 0.0;
+template <typename V>
+NUVRIX_HD typename V::Scalar catalogue_surface_parameter(V const& v, int k, int p) {
+  using T = typename V::Scalar;
+  if (k < 0 || k >= v.n || p < 1) return T(0.0);
+  SurfaceData const& s = v.record(k);
+  if (s.type == NUVRIX_SURFACE_MATRIX && p <= 4) return v.coefficient(k, p - 1);
+  if (s.type == NUVRIX_SURFACE_PARAXIAL_LENS && p == 1) return v.focal_length(k);
+  if (s.type == NUVRIX_SURFACE_EVEN_ASPHERE && p <= 8) return v.coefficient(k, p - 1);
+  return T(0.0);
 }
 
 // Codes 101 to 103: the root of the squared violations of one model-glass
 // parameter over the range.
-NUVRIX_HD double catalogue_glass_bound(MeritOperandDesc const& op, SurfaceData const* surfaces,
-                                       int n, int stop) {
+template <typename V>
+NUVRIX_HD typename V::Scalar catalogue_glass_bound(MeritOperandDesc const& op, V const& v,
+                                                   int stop) {
+  using T = typename V::Scalar;
+  int const n = v.n;
   int a = 0, b = 0;
   resolve_surface_range(op.surface_first, op.surface_last, n, stop, a, b);
   if (a < 0) a = 0;
   if (b > n - 1) b = n - 1;
-  double sum = 0.0;
+  T sum = T(0.0);
   for (int k = a; k <= b; ++k) {
-    SurfaceData const& s = surfaces[k];
-    if (s.model_glass == 0) continue;
-    double const q = op.type == 101 ? s.model_nd : (op.type == 102 ? s.model_vd : s.model_dpgf);
+    if (v.record(k).model_glass == 0) continue;
+    T const q = op.type == 101 ? v.model_nd(k) : (op.type == 102 ? v.model_vd(k) : v.model_dpgf(k));
     sum += bound_violation_sq(op, q);
   }
   return sqrt(sum);
+}
+
+// The rows of the colour sums: the shortest and the longest wavelength, the
+// first of equal ones; row 0 for both with fewer than two wavelengths.
+NUVRIX_HD void seidel_colour_rows(double const* wavelengths, int wave_count, int& shortest,
+                                  int& longest) {
+  shortest = 0;
+  longest = 0;
+  for (int k = 1; k < wave_count; ++k) {
+    if (wavelengths[k] < wavelengths[shortest]) shortest = k;
+    if (wavelengths[k] > wavelengths[longest]) longest = k;
+  }
 }
 
 // Codes 80 to 86: one Seidel sum over the range, the colour sums between
@@ -167,10 +214,7 @@ NUVRIX_HD double catalogue_seidel(MeritOperandDesc const& op, SurfaceData const*
   int a = 0, b = 0;
   resolve_surface_range(op.surface_first, op.surface_last, n, config->stop_surface, a, b);
   int shortest = 0, longest = 0;
-  for (int k = 1; k < wave_count; ++k) {
-    if (wavelengths[k] < wavelengths[shortest]) shortest = k;
-    if (wavelengths[k] > wavelengths[longest]) longest = k;
-  }
+  seidel_colour_rows(wavelengths, wave_count, shortest, longest);
   int const count = n < kMaxSurfaces ? n : kMaxSurfaces;
   double curvatures[kMaxSurfaces], thicknesses[kMaxSurfaces];
   for (int k = 0; k < count; ++k) {
@@ -406,6 +450,7 @@ NUVRIX_HD bool evaluate_operand_value(MeritOperandDesc const& op, SurfaceData co
       index_table + static_cast<long>(merit_primary_row(*config, wave_count)) * n;
   double const hy = op.hy * ctx.max_field_y, hx = op.hx * ctx.max_field_x;
   bool const aim_flag = ctx.aim_flag;
+  PlainSurfaces const plain{surfaces, n};
 
   if (code <= 5) {
     RayTraceResult const r = trace_arbitrary_ray_full(
@@ -450,7 +495,7 @@ NUVRIX_HD bool evaluate_operand_value(MeritOperandDesc const& op, SurfaceData co
     case 54: value = ctx.entrance_pupil_position; return true;
     case 55: value = 2.0 * ctx.pupil_radius; return true;
     case 56: value = ctx.exit_pupil_diameter; return true;
-    case 57: value = catalogue_total_track(surfaces, n, primary, config->stop_surface); return true;
+    case 57: value = catalogue_total_track(plain, primary, config->stop_surface); return true;
     case 59: {
       int const samples = op.sample_count > 0 ? op.sample_count : kDefaultAzimuths;
       double const f0 =
@@ -498,14 +543,9 @@ NUVRIX_HD bool evaluate_operand_value(MeritOperandDesc const& op, SurfaceData co
     case 76:
     case 77:
     case 78:
-    case 87: {
-      double m[4];
-      catalogue_matrix(surfaces, n, row, op.surface_first, op.surface_last, m);
-      value = code == 87 ? m[0] * m[3] - m[1] * m[2] : m[code - 75];
-      return true;
-    }
+    case 87: value = catalogue_matrix_operand(op, plain, row); return true;
     case 79:
-      value = catalogue_surface_parameter(surfaces, n, op.surface_first, op.surface_last);
+      value = catalogue_surface_parameter(plain, op.surface_first, op.surface_last);
       return true;
     case 99:
     case 100:
@@ -513,7 +553,7 @@ NUVRIX_HD bool evaluate_operand_value(MeritOperandDesc const& op, SurfaceData co
       return true;
     case 101:
     case 102:
-    case 103: value = catalogue_glass_bound(op, surfaces, n, config->stop_surface); return true;
+    case 103: value = catalogue_glass_bound(op, plain, config->stop_surface); return true;
     default: break;
   }
   if (code >= 80 && code <= 86) {

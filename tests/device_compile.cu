@@ -4,10 +4,12 @@
 #include "first_order/paraxial_solve.hpp"
 #include "first_order/seidel.hpp"
 #include "trace/trace_core.hpp"
+#include "trace/trace_generic.hpp"
 #include "trace/front_ends.hpp"
 #include "merit/merit_function.hpp"
 #include "merit/variable_transform.hpp"
 #include "merit/dual.hpp"
+#include "merit/jacobian_operands.hpp"
 #include "trace/robust_offset.hpp"
 
 using nuvrix::RayStateT;
@@ -139,4 +141,72 @@ extern "C" __global__ void device_compile_dual(SurfaceData const* surfaces, int 
                                                         count < 8 ? count : 8, nullptr, nullptr);
   D const r = sqrt(efl * efl + exp(efl) / fma(efl, efl, 1.0));
   out[0] = r.value + r.d[0];
+}
+
+// The real trace over dual numbers, with constant and with dual indices.
+extern "C" __global__ void device_compile_dual_trace(SurfaceData const* surfaces, int count,
+                                                     double const* indices, double* out) {
+  using D = nuvrix::Dual<10>;
+  int const m = count < 8 ? count : 8;
+  D curvatures[8], thicknesses[8], conics[8], focal[8], terms[8][8], rows[8];
+  for (int i = 0; i < m; ++i) {
+    curvatures[i] = D(surfaces[i].curvature);
+    thicknesses[i] = D(surfaces[i].thickness);
+    conics[i] = D(surfaces[i].conic);
+    focal[i] = D(surfaces[i].focal_length);
+    rows[i] = D(indices[i]);
+    for (int k = 0; k < 8; ++k) terms[i][k] = D(surfaces[i].coefficients[k]);
+  }
+  curvatures[1] = nuvrix::make_variable<10>(surfaces[1].curvature, 0);
+  RayStateT<D> const launch = {D(0.0), D(1.0), D(0.0), D(0.0), D(0.0), D(1.0),
+                               D(0.0), D(0.0), D(0.0), D(0.0), D(0.0), 0};
+  RayStateT<D> at_stop = launch;
+  RayStateT<D> const a = nuvrix::trace_ray_t<D, D>(surfaces, m, curvatures, thicknesses, conics,
+                                                   rows, launch, 1, 0, 550.0, 2, &at_stop,
+                                                   nullptr, terms, -1, focal);
+  RayStateT<D> const b = nuvrix::trace_ray_t<D, double>(surfaces, m, curvatures, thicknesses,
+                                                        conics, indices, launch, 1, 0, 550.0, -1,
+                                                        nullptr, nullptr, terms, -1, focal);
+  out[0] = a.y.d[0] + b.y.d[0] + at_stop.y.value;
+}
+
+// The operands of the analytic Jacobian that need no real ray, with
+// constant and with dual index rows.  p holds the dual parameters, one
+// block of `count` a kind, then eight coefficients a surface.
+template <typename U>
+__device__ double device_dual_operand(SurfaceData const* surfaces, int count, U const* rows,
+                                      nuvrix::JDual const* p, double const* wavelengths,
+                                      SystemConfig const* config, MeritOperandDesc const* op) {
+  using nuvrix::JDual;
+  JDual const(*terms)[8] = reinterpret_cast<JDual const(*)[8]>(p + 8 * count);
+  nuvrix::DualSystem<U> sys;
+  sys.surfaces = surfaces;
+  sys.n = count;
+  sys.curvatures = p;
+  sys.thicknesses = p + count;
+  sys.conics = p + 2 * count;
+  sys.focal_lengths = p + 3 * count;
+  sys.coefficients = terms;
+  sys.model_nd = p + 4 * count;
+  sys.model_vd = p + 5 * count;
+  sys.model_dpgf = p + 6 * count;
+  sys.semi_diameters = p + 7 * count;
+  sys.index_table = rows;
+  sys.wave_count = 1;
+  sys.pupil_radius = p[0];
+  sys.entrance_pupil_position = p[1];
+  nuvrix::MeritContext const ctx = {};
+  JDual v;
+  bool const ok = nuvrix::dual_paraxial_operand<U>(*op, sys, wavelengths, config, ctx, v);
+  return ok ? v.value + v.d[0] : 0.0;
+}
+
+extern "C" __global__ void device_compile_dual_operands(
+    SurfaceData const* surfaces, int count, double const* indices, nuvrix::JDual const* dual_rows,
+    nuvrix::JDual const* parameters, double const* wavelengths, SystemConfig const* config,
+    MeritOperandDesc const* op, double* out) {
+  out[0] = device_dual_operand<double>(surfaces, count, indices, parameters, wavelengths, config,
+                                       op) +
+           device_dual_operand<nuvrix::JDual>(surfaces, count, dual_rows, parameters, wavelengths,
+                                              config, op);
 }

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <initializer_list>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -19,6 +20,7 @@ using nlohmann::json;
 // a thickness that is not finite as an object at infinity.
 constexpr double kInfinity = HUGE_VAL;
 constexpr int kMaxSurfaces = 255;   // the full trace keeps the launch and 255 surfaces
+constexpr unsigned kEffectiveFocalLengthCode = 50;
 
 [[noreturn]] void fail(const std::string& what) { throw std::runtime_error(what); }
 
@@ -355,15 +357,244 @@ MeritOperandDesc read_operand(const json& j, size_t index, size_t count, const L
   return op;
 }
 
+// The default merit function of the report, as "default" or as
+// {"default": {"rings": .., "focal_length": ..}}: the focal length is held
+// at the given value instead of the lens's present one.
+std::vector<MeritOperandDesc> read_default_merit(const json& d, const Lens& lens) {
+  if (d.is_string() && d.get<std::string>() == "default") return default_merit_function(lens);
+  const json& o = d.at("default");
+  if (!o.is_object()) fail("merit: \"default\" takes an object of \"rings\" and \"focal_length\"");
+  for (auto it = o.begin(); it != o.end(); ++it)
+    if (it.key() != "rings" && it.key() != "focal_length")
+      fail("merit: default: unknown key \"" + it.key() + "\"");
+  const int rings = o.contains("rings") ? read_int(o["rings"], "merit: default: rings") : 2;
+  if (rings < 1 || rings > 20) fail("merit: default: rings must be 1 .. 20");
+  std::vector<MeritOperandDesc> ops = default_merit_function(lens, rings);
+  if (o.contains("focal_length")) {
+    const double f = read_number(o["focal_length"], "merit: default: focal_length");
+    for (MeritOperandDesc& op : ops)
+      if (op.type == kEffectiveFocalLengthCode) op.target = f;
+  }
+  return ops;
+}
+
 std::vector<MeritOperandDesc> read_merit(const json& m, const Lens& lens) {
-  if (!m.is_array()) fail("merit must be an array of operands");
+  const bool named_default = m.is_string() && m.get<std::string>() == "default";
+  if (named_default || (m.is_object() && m.size() == 1 && m.contains("default")))
+    return read_default_merit(m, lens);
+  if (!m.is_array()) fail("merit must be an array of operands or \"default\"");
   if (m.empty()) fail("merit must list at least one operand");
   std::vector<MeritOperandDesc> ops;
   for (size_t k = 0; k < m.size(); ++k) ops.push_back(read_operand(m[k], k, m.size(), lens));
   return ops;
 }
 
+// ---- The variables and pickups blocks -------------------------------------
+
+const char* const kVariableKindNames[14] = {"curvature",
+                                            "thickness",
+                                            "conic",
+                                            "coefficient",
+                                            "field_y",
+                                            nullptr,
+                                            nullptr,
+                                            "semi_diameter",
+                                            "aperture_percent",
+                                            "model_nd",
+                                            "model_vd",
+                                            "model_dpgf",
+                                            "focal_length",
+                                            "coefficient_relative_step"};
+
+const char* const kPickupKindNames[9] = {"curvature",     "thickness", nullptr,
+                                         "semi_diameter", "conic",     nullptr,
+                                         "model_nd",      "model_vd",  "model_dpgf"};
+
+// A kind by its name or its number; only kinds with a name are accepted.
+unsigned read_kind(const json& v, const std::string& what, const char* const* names,
+                   unsigned count) {
+  if (v.is_string()) {
+    const std::string name = v.get<std::string>();
+    for (unsigned k = 0; k < count; ++k)
+      if (names[k] != nullptr && name == names[k]) return k;
+    fail(what + ": unknown kind \"" + name + "\"");
+  }
+  const int k = read_int(v, what + ": kind");
+  if (k < 0 || k >= static_cast<int>(count) || names[k] == nullptr)
+    fail(what + ": kind " + std::to_string(k) + " names no parameter");
+  return static_cast<unsigned>(k);
+}
+
+void check_keys(const json& j, const std::string& what, std::initializer_list<const char*> keys) {
+  if (!j.is_object()) fail(what + " must be an object");
+  for (auto it = j.begin(); it != j.end(); ++it) {
+    bool known = false;
+    for (const char* k : keys) known = known || it.key() == k;
+    if (!known) fail(what + ": unknown key \"" + it.key() + "\"");
+  }
+}
+
+int read_surface_index(const json& j, const char* key, const std::string& what, const Lens& lens) {
+  if (!j.contains(key)) fail(what + ": no \"" + key + "\"");
+  const int s = read_int(j[key], what + ": " + key);
+  if (s < 0 || s >= lens.count())
+    fail(what + ": " + key + " must be a surface 0 .. " + std::to_string(lens.count() - 1));
+  return s;
+}
+
+bool is_coefficient_kind(unsigned kind) { return kind == 3 || kind == 13; }
+
+// Two variables that move one and the same parameter.
+bool same_parameter(const MeritVariableDesc& a, const MeritVariableDesc& b) {
+  if (is_coefficient_kind(a.kind) && is_coefficient_kind(b.kind))
+    return a.surface == b.surface && a.coefficient == b.coefficient;
+  if (a.kind != b.kind) return false;
+  return a.kind == 4 ? a.field == b.field : a.surface == b.surface;
+}
+
+// One variable: {"kind": .., "surface": .. | "field": .., "coefficient": ..,
+// "lower": .., "upper": ..}.  The field is counted from 1 as in the merit
+// block; the present value must lie within the bounds.
+MeritVariableDesc read_variable(const json& j, size_t index, const Lens& lens) {
+  const std::string what = "variable " + std::to_string(index);
+  check_keys(j, what, {"kind", "surface", "field", "coefficient", "lower", "upper"});
+  if (!j.contains("kind")) fail(what + ": no \"kind\"");
+  MeritVariableDesc v = {};
+  v.kind = read_kind(j["kind"], what, kVariableKindNames, 14);
+  if (v.kind == 4) {
+    if (j.contains("surface")) fail(what + ": field_y takes \"field\", not \"surface\"");
+    if (!j.contains("field")) fail(what + ": no \"field\"");
+    const int f = read_int(j["field"], what + ": field");
+    const int fields = static_cast<int>(lens.fields.size());
+    if (f < 1 || f > fields)
+      fail(what + ": field must be 1 .. " + std::to_string(fields) + " (the fields of the file)");
+    v.field = f - 1;
+  } else {
+    if (j.contains("field")) fail(what + ": only field_y takes \"field\"");
+    v.surface = read_surface_index(j, "surface", what, lens);
+  }
+  if (is_coefficient_kind(v.kind)) {
+    if (!j.contains("coefficient")) fail(what + ": no \"coefficient\"");
+    v.coefficient = read_int(j["coefficient"], what + ": coefficient");
+    if (v.coefficient < 0 || v.coefficient > 7) fail(what + ": coefficient must be 0 .. 7");
+  } else if (j.contains("coefficient")) {
+    fail(what + ": only the coefficient kinds take \"coefficient\"");
+  }
+  if (j.contains("lower")) {
+    v.has_lower = 1;
+    v.lower = read_number(j["lower"], what + ": lower");
+  }
+  if (j.contains("upper")) {
+    v.has_upper = 1;
+    v.upper = read_number(j["upper"], what + ": upper");
+  }
+  if (v.has_lower && v.has_upper && !(v.lower < v.upper))
+    fail(what + ": lower must be below upper");
+  const double p = variable_value(v, lens.surfaces, lens.fields);
+  if (!std::isfinite(p)) fail(what + ": its present value is not finite");
+  if ((v.has_lower && p < v.lower) || (v.has_upper && p > v.upper))
+    fail(what + ": its present value " + std::to_string(p) + " lies outside its bounds");
+  return v;
+}
+
+std::vector<MeritVariableDesc> read_variables(const json& a, const Lens& lens) {
+  if (!a.is_array()) fail("variables must be an array");
+  std::vector<MeritVariableDesc> vars;
+  for (size_t k = 0; k < a.size(); ++k) {
+    const MeritVariableDesc v = read_variable(a[k], k, lens);
+    for (size_t m = 0; m < vars.size(); ++m)
+      if (same_parameter(vars[m], v))
+        fail("variables " + std::to_string(m) + " and " + std::to_string(k) +
+             " move the same parameter");
+    vars.push_back(v);
+  }
+  return vars;
+}
+
+// One pickup: {"kind": .., "target": .., "source": .., "factor": .., "offset": ..}.
+MeritPickupDesc read_pickup(const json& j, size_t index, const Lens& lens) {
+  const std::string what = "pickup " + std::to_string(index);
+  check_keys(j, what, {"kind", "target", "source", "factor", "offset"});
+  if (!j.contains("kind")) fail(what + ": no \"kind\"");
+  MeritPickupDesc p = {};
+  p.kind = read_kind(j["kind"], what, kPickupKindNames, 9);
+  p.target_surface = read_surface_index(j, "target", what, lens);
+  p.source_surface = read_surface_index(j, "source", what, lens);
+  if (p.target_surface == p.source_surface) fail(what + ": target and source must differ");
+  p.factor = j.contains("factor") ? read_number(j["factor"], what + ": factor") : 1.0;
+  p.offset = j.contains("offset") ? read_number(j["offset"], what + ": offset") : 0.0;
+  return p;
+}
+
+std::vector<MeritPickupDesc> read_pickups(const json& a, const Lens& lens) {
+  if (!a.is_array()) fail("pickups must be an array");
+  std::vector<MeritPickupDesc> pickups;
+  for (size_t k = 0; k < a.size(); ++k) pickups.push_back(read_pickup(a[k], k, lens));
+  return pickups;
+}
+
+// The parameter of a surface that a variable kind names, or null; S is
+// SurfaceData, const or not.
+template <class S>
+auto surface_slot(unsigned kind, int coefficient, S& s) -> decltype(&s.curvature) {
+  switch (kind) {
+    case 0:
+      return &s.curvature;
+    case 1:
+      return &s.thickness;
+    case 2:
+      return &s.conic;
+    case 3:
+    case 13:
+      return coefficient >= 0 && coefficient < 8 ? &s.coefficients[coefficient] : nullptr;
+    case 7:
+      return &s.semi_diameter;
+    case 8:
+      return &s.aperture_percent;
+    case 9:
+      return &s.model_nd;
+    case 10:
+      return &s.model_vd;
+    case 11:
+      return &s.model_dpgf;
+    case 12:
+      return &s.focal_length;
+    default:
+      return nullptr;
+  }
+}
+
 }  // namespace
+
+const char* variable_kind_name(unsigned kind) {
+  return kind < 14 ? kVariableKindNames[kind] : nullptr;
+}
+
+const char* pickup_kind_name(unsigned kind) { return kind < 9 ? kPickupKindNames[kind] : nullptr; }
+
+double variable_value(const MeritVariableDesc& v, const std::vector<SurfaceData>& surfaces,
+                      const std::vector<FieldData>& fields) {
+  if (v.kind == 4)
+    return v.field >= 0 && v.field < static_cast<int>(fields.size()) ? fields[v.field].field_y
+                                                                     : 0.0;
+  if (v.surface < 0 || v.surface >= static_cast<int>(surfaces.size())) return 0.0;
+  const double* slot = surface_slot(v.kind, v.coefficient, surfaces[v.surface]);
+  return slot != nullptr ? *slot : 0.0;
+}
+
+bool set_variable_value(const MeritVariableDesc& v, double value,
+                        std::vector<SurfaceData>& surfaces, std::vector<FieldData>& fields) {
+  if (v.kind == 4) {
+    if (v.field < 0 || v.field >= static_cast<int>(fields.size())) return false;
+    fields[v.field].field_y = value;
+    return true;
+  }
+  if (v.surface < 0 || v.surface >= static_cast<int>(surfaces.size())) return false;
+  double* slot = surface_slot(v.kind, v.coefficient, surfaces[v.surface]);
+  if (slot == nullptr) return false;
+  *slot = value;
+  return true;
+}
 
 double model_glass_index(double wavelength_nm, double nd, double vd, double dpgf) {
   if (std::fabs(vd) < 1e-12) return nd;
@@ -415,6 +646,8 @@ bool load_lens_file(const std::string& path, Lens& lens, std::string& error) {
       return false;
     }
     if (j.contains("merit")) lens.merit = read_merit(j["merit"], lens);
+    if (j.contains("variables")) lens.variables = read_variables(j["variables"], lens);
+    if (j.contains("pickups")) lens.pickups = read_pickups(j["pickups"], lens);
   } catch (const std::exception& e) {
     error = path + ": " + e.what();
     return false;

@@ -52,6 +52,8 @@ struct Lens {
   std::vector<double> wavelengths_um;
   std::vector<std::string> media;       // short description of the medium behind each surface
   std::vector<MeritOperandDesc> merit;  // the lens file's merit function; empty: none given
+  std::vector<MeritVariableDesc> variables;  // what an optimisation may change
+  std::vector<MeritPickupDesc> pickups;      // parameters tied to others: factor * source + offset
 
   int count() const { return static_cast<int>(surfaces.size()); }
   const double* row(int w) const {
@@ -69,8 +71,28 @@ double model_glass_index(double wavelength_nm, double nd, double vd, double dpgf
 bool build_lens(const Prescription& p, Lens& lens, std::string& error);
 
 // Reads and builds a JSON lens file, with its merit function when the file
-// has a "merit" block; false with a one-line message.
+// has a "merit" block and its variables and pickups when it has those
+// blocks; false with a one-line message.
 bool load_lens_file(const std::string& path, Lens& lens, std::string& error);
+
+// The lens file's name of a variable kind ("curvature"), or nullptr for the
+// kinds that stand for no parameter (5, 6) and kinds above 13.
+const char* variable_kind_name(unsigned kind);
+
+// The lens file's name of a pickup kind, or nullptr for the kinds that
+// move nothing (2, 5) and kinds above 8.
+const char* pickup_kind_name(unsigned kind);
+
+// The physical value a variable stands for in a system: the parameter its
+// kind names on its surface (or the y field of its field); 0 when the index
+// is out of range.
+double variable_value(const MeritVariableDesc& v, const std::vector<SurfaceData>& surfaces,
+                      const std::vector<FieldData>& fields);
+
+// Writes a physical value where the variable points; false when it points
+// nowhere.
+bool set_variable_value(const MeritVariableDesc& v, double value,
+                        std::vector<SurfaceData>& surfaces, std::vector<FieldData>& fields);
 
 // The classic Cooke triplet: EFL about 50 mm, EPD 10 mm, fields 0, 14, 20 deg.
 Prescription cooke_triplet();

@@ -1,12 +1,19 @@
 // nuvrix: the command-line lens report.  Loads a JSON prescription (or the
 // built-in Cooke triplet), fills the engine's records as a host does, and
-// prints what the engine computes through its exported C interface.
+// prints what the engine computes through its exported C interface; the
+// subcommand `optimize` runs a damped least-squares optimisation instead.
 #include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "tools/lens_file.hpp"
 #include "tools/report.hpp"
+
+namespace lensfile {
+// `nuvrix optimize [options] [lens.json]` (tools/optimize.cpp): the
+// arguments after the subcommand; returns the exit status.
+int optimize_command(int argc, char** argv);
+}  // namespace lensfile
 
 namespace {
 
@@ -16,12 +23,16 @@ void usage(std::FILE* to) {
   std::fprintf(to,
                "usage: nuvrix [lens.json]\n"
                "  prints the engine's report for a lens file, or for the built-in Cooke\n"
-               "  triplet when no file is given\n");
+               "  triplet when no file is given\n"
+               "       nuvrix optimize [options] [lens.json]\n"
+               "  damped least squares on the lens file's variables (nuvrix optimize --help)\n");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc >= 2 && !std::strcmp(argv[1], "optimize"))
+    return lensfile::optimize_command(argc - 2, argv + 2);
   if (argc > 2) {
     usage(stderr);
     return kBadInput;

@@ -42,9 +42,12 @@ NUVRIX_HD bool conic_distance_t(T const& x, T const& y, T const& z, T const& l, 
 // Moves the ray onto a plane (|c| < 1e-15) or a conic and adds the distance
 // to sag_path.  The plane step also sets the normal (0, 0, -1).  Returns
 // false when the ray misses; the ray is then left where it was.
+// A plane whose curvature carries a derivative takes the conic step: its
+// root is exact at c = 0 and gives the same point, and only the conic step
+// knows how the point and the normal move as the surface bends.
 template <typename T>
 NUVRIX_HD bool intersect_conic_t(RayStateT<T>& ray, T const& c, T const& k) {
-  if (fabs(val(c)) < kPlaneCurvature) {
+  if (fabs(val(c)) < kPlaneCurvature && !has_slots(c)) {
     // Intersect the vertex plane.
     if (fabs(val(ray.n)) < kTiny) return false;
     T const t = -ray.z / ray.n;

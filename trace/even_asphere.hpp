@@ -15,18 +15,22 @@ constexpr double kAsphereTolerance = 1e-12;
 constexpr double kAsphereDividedStep = 0.8;  // |n| above this: step e / n
 
 // Sag at squared radius r2.  A negative radicand of the conic base counts as
-// 0, so the base stays defined beyond its rim; zero terms are skipped exactly.
+// 0, so the base stays defined beyond its rim; zero terms are skipped exactly
+// (adding 0 changes no value), unless a term or the curvature carries a
+// derivative: a variable that stands at 0 still moves the surface.
 template <typename T>
 NUVRIX_HD T even_asphere_sag_t(T const& r2, T const& c, T const* coefficients, T const& k) {
   T sag = T(0.0);
-  if (fabs(detail::val(c)) > kPlaneCurvature) {
+  if (fabs(detail::val(c)) > kPlaneCurvature || detail::has_slots(c)) {
     T radicand = 1.0 - (1.0 + k) * c * c * r2;
     if (detail::val(radicand) < 0.0) radicand = T(0.0);
     sag = r2 * c / (1.0 + sqrt(radicand));
   }
   T power = r2;  // r2^(k+1)
   for (int i = 0; i < kAsphereTerms; ++i) {
-    if (detail::val(coefficients[i]) != 0.0) sag = fma(coefficients[i], power, sag);
+    if (detail::val(coefficients[i]) != 0.0 || detail::has_slots(coefficients[i])) {
+      sag = fma(coefficients[i], power, sag);
+    }
     power = power * r2;
   }
   return sag;
@@ -38,14 +42,14 @@ NUVRIX_HD void even_asphere_normal_t(RayStateT<T>& ray, T const& c, T const& k,
                                      T const* coefficients) {
   T const r2 = detail::sum_sq2(ray.x, ray.y);
   T gx = T(0.0), gy = T(0.0);
-  if (fabs(detail::val(c)) > kPlaneCurvature) {
+  if (fabs(detail::val(c)) > kPlaneCurvature || detail::has_slots(c)) {
     T const root = detail::conic_normal_root_t(r2, c, T(1.0 + k));
     gx = ray.x * c / root;
     gy = ray.y * c / root;
   }
   T power = T(1.0);  // r2^k
   for (int i = 0; i < kAsphereTerms; ++i) {
-    if (detail::val(coefficients[i]) != 0.0) {
+    if (detail::val(coefficients[i]) != 0.0 || detail::has_slots(coefficients[i])) {
       T const g = 2.0 * (i + 1) * coefficients[i] * power;
       gx = gx + g * ray.x;
       gy = gy + g * ray.y;
@@ -107,10 +111,14 @@ NUVRIX_HD bool asphere_walk(double& x, double& y, double& z, double l, double m,
 template <typename T>
 NUVRIX_HD T even_asphere_sag_slope_t(T const& r2, T const& c, T const* coefficients, T const& k) {
   T slope = T(0.0);
-  if (fabs(val(c)) > kPlaneCurvature) slope = c / (2.0 * conic_normal_root_t(r2, c, T(1.0 + k)));
+  if (fabs(val(c)) > kPlaneCurvature || has_slots(c)) {
+    slope = c / (2.0 * conic_normal_root_t(r2, c, T(1.0 + k)));
+  }
   T power = T(1.0);
   for (int i = 0; i < kAsphereTerms; ++i) {
-    if (val(coefficients[i]) != 0.0) slope = fma(T(double(i + 1)) * coefficients[i], power, slope);
+    if (val(coefficients[i]) != 0.0 || has_slots(coefficients[i])) {
+      slope = fma(T(double(i + 1)) * coefficients[i], power, slope);
+    }
     power = power * r2;
   }
   return slope;
