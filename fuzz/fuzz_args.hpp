@@ -263,6 +263,7 @@ enum MeritOp : uint8_t {
   kEvaluateMerit,
   kEvaluateMeritOperands,
   kEvaluateMeritOperandsFull,
+  kEvaluateMeritAndJacobian,
   kMeritOpCount
 };
 
@@ -294,6 +295,29 @@ struct MeritArgs {
     io.count(operand_count, kMaxMeritOperands);
     io.flag(null_results), io.flag(null_residuals);
     io.flag(null_residual_count), io.flag(null_merit);
+  }
+};
+
+// The scalar arguments of the Jacobian export beyond those of the merit:
+// the variables and pickups follow the operands at the end of the input.
+// Each finite-difference column costs one merit evaluation, so the lists
+// stay short.
+constexpr int32_t kMaxJacobianVariables = 10;
+constexpr int32_t kMaxJacobianPickups = 4;
+struct JacobianArgs {
+  int32_t variable_count = 0, pickup_count = 0;
+  int32_t mode = 0;          // 0 finite differences, 1 analytic; -3 .. 3 occur
+  bool parallel = false;
+  int32_t thread_count = 1;  // -2 .. 2
+  bool null_sd = false;      // the analytic buffers missing
+  template <class IO>
+  void visit(IO& io) {
+    io.count(variable_count, kMaxJacobianVariables);
+    io.count(pickup_count, kMaxJacobianPickups);
+    io.count(mode, 3);
+    io.flag(parallel);
+    io.count(thread_count, 2);
+    io.flag(null_sd);
   }
 };
 
@@ -353,6 +377,34 @@ inline bool same_folded_fields(MeritOperandDesc const& a, MeritOperandDesc const
 }
 inline bool same_folded_fields(MeritOperand const& a, MeritOperand const& b) {
   return a.type == b.type && a.surface == b.surface && a.wave == b.wave;
+}
+
+// Variables and pickups fold as operands do: kinds into 0 .. 14 and 0 .. 9
+// (one beyond each list), surfaces into [-300, 300], fields and
+// coefficients near their ranges, the bound flags into 0 or 1.
+inline MeritVariableDesc folded(MeritVariableDesc d) {
+  d.kind %= 15u;
+  d.surface = fold(d.surface, 300);
+  d.field = fold(d.field, 10);
+  d.coefficient = fold(d.coefficient, 10);
+  d.has_lower &= 1;
+  d.has_upper &= 1;
+  return d;
+}
+inline bool same_folded_fields(MeritVariableDesc const& a, MeritVariableDesc const& b) {
+  return a.kind == b.kind && a.surface == b.surface && a.field == b.field &&
+         a.coefficient == b.coefficient && a.has_lower == b.has_lower &&
+         a.has_upper == b.has_upper;
+}
+inline MeritPickupDesc folded(MeritPickupDesc d) {
+  d.kind %= 10u;
+  d.target_surface = fold(d.target_surface, 300);
+  d.source_surface = fold(d.source_surface, 300);
+  return d;
+}
+inline bool same_folded_fields(MeritPickupDesc const& a, MeritPickupDesc const& b) {
+  return a.kind == b.kind && a.target_surface == b.target_surface &&
+         a.source_surface == b.source_surface;
 }
 
 template <typename Record>

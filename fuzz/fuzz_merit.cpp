@@ -79,6 +79,65 @@ void evaluate_legacy(MeritArgs const& a, System& sys, Reader& in, bool full) {
   }
 }
 
+// The Jacobian: the status by its order of checks (a variable of kind 5,
+// then the mode, then the analytic buffers), the count of the base
+// evaluation, and a Jacobian left untouched without variables or on any
+// status but 0.
+void evaluate_jacobian(MeritArgs const& a, System& sys, Reader& in) {
+  JacobianArgs j;
+  j.visit(in);
+  int32_t const count = capped_operand_count(a.operand_count, sys.surface_count);
+  Buf<MeritOperandDesc> ops = read_operands<MeritOperandDesc>(in, count);
+  bound_azimuths(ops);
+  int32_t const nv = j.variable_count < 0 ? 0 : j.variable_count;
+  int32_t const np = j.pickup_count < 0 ? 0 : j.pickup_count;
+  Buf<MeritVariableDesc> vars = read_operands<MeritVariableDesc>(in, nv);
+  Buf<MeritPickupDesc> pickups = read_operands<MeritPickupDesc>(in, np);
+  int32_t const threads = j.parallel && j.thread_count > 1 ? j.thread_count : 1;
+  int32_t const n = sys.surface_count, fields = sys.field_count;
+  Buf<MeritResult> results(count), thread_results(product(count, threads));
+  Buf<double> residuals(count > 0 ? product(2, count) : 1);
+  Buf<double> thread_residuals(product(count > 0 ? 2 * count : 1, threads));
+  Buf<SurfaceData> work(product(n, threads));
+  Buf<FieldData> work_fields(product(fields, threads));
+  long const cells = static_cast<long>(residuals.size()) * nv;
+  Buf<double> jacobian(cells);
+  for (size_t k = 0; k < jacobian.size(); ++k) jacobian[k] = -5.0;
+  double sd = 0.0, sa = 0.0, sb = 0.0, merit = -1.0;
+  int32_t rows = 0, residual_count = -1;
+  int32_t const ret = nuvrix_evaluate_merit_and_jacobian(
+      sys.surfaces.data(), n, sys.table.data(), sys.wavelengths.data(), sys.wavelength_count,
+      &sys.config, sys.fields.data(), fields, ops.data(), count, vars.data(), nv,
+      pickups.data(), np, j.mode, j.parallel ? 1 : 0, j.thread_count, results.data(),
+      residuals.data(), work.data(), work_fields.data(), thread_results.data(),
+      thread_residuals.data(), jacobian.data(), &residual_count, &merit,
+      j.null_sd ? nullptr : &sd, &rows, &sa, &sb, nullptr);
+
+  bool kind5 = false;
+  for (size_t v = 0; v < vars.size(); ++v) kind5 = kind5 || vars[v].kind == 5;
+  int32_t weighted = 0;
+  for (size_t i = 0; i < ops.size(); ++i) weighted += ops[i].weight != 0.0 ? 1 : 0;
+  if (kind5 != (ret == -3)) broken("kind 5 and -3 go together");
+  if (!kind5 && j.mode != 0 && j.mode != 1 && ret != -2) broken("a bad mode is -2");
+  if (!kind5 && j.mode == 1 && j.null_sd && ret != -2) broken("analytic without buffers");
+  if (ret < -3 || ret == -1 || ret > weighted) broken("status out of range");
+  bool const untouched = nv == 0 || ret != 0;
+  if (untouched) {
+    for (size_t k = 0; k < jacobian.size(); ++k) {
+      if (jacobian[k] != -5.0) broken("Jacobian written");
+    }
+  }
+  int32_t const listed = count > 0 ? count : 0;  // a negative count lists nothing
+  if (ret >= 0 && (residual_count < 0 || residual_count > 2 * listed)) broken("residual count");
+  if (ret >= 0 && !(merit >= 0.0)) {
+    bool any_nan = false;  // a NaN in the inputs may make the merit NaN
+    for (size_t i = 0; i < residuals.size(); ++i) any_nan = any_nan || residuals[i] != residuals[i];
+    if (!any_nan && merit < 0.0) broken("negative merit");
+  }
+  keep(residuals);
+  keep(jacobian);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
@@ -91,6 +150,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     case kEvaluateMerit: evaluate_merit(a, sys, in); break;
     case kEvaluateMeritOperands: evaluate_legacy(a, sys, in, false); break;
     case kEvaluateMeritOperandsFull: evaluate_legacy(a, sys, in, true); break;
+    case kEvaluateMeritAndJacobian: evaluate_jacobian(a, sys, in); break;
   }
   return 0;
 }

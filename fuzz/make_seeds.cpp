@@ -389,6 +389,48 @@ void emit_merit(Lens const& lens, std::string const& name, MeritArgs a,
   save("fuzz_merit", kEvaluateMerit, name, w);
 }
 
+// The Jacobian of a merit function over a few curvatures and a thickness,
+// one of them bounded, with a pickup.
+void emit_jacobian(Lens const& lens, std::string const& name, JacobianArgs j,
+                   std::vector<MeritOperandDesc> const& ops) {
+  std::vector<MeritVariableDesc> vars;
+  int const n = static_cast<int>(lens.records.surfaces.size());
+  for (int s = 1; s < n - 1 && vars.size() < 4; ++s) {
+    MeritVariableDesc v{};
+    v.kind = vars.size() == 3 ? 1 : 0;
+    v.surface = s;
+    if (vars.empty()) v.has_lower = 1, v.lower = -1.0, v.has_upper = 1, v.upper = 1.0;
+    vars.push_back(v);
+  }
+  std::vector<MeritPickupDesc> pickups;
+  if (n > 3) pickups.push_back(MeritPickupDesc{2, 1, 1, 1.0, 0.5});
+  MeritArgs a;
+  a.operand_count = static_cast<int32_t>(ops.size());
+  j.variable_count = static_cast<int32_t>(vars.size());
+  j.pickup_count = static_cast<int32_t>(pickups.size());
+  Writer w;
+  w.u8(kEvaluateMeritAndJacobian);
+  a.visit(w);
+  write_system(w, merit_records(lens));
+  j.visit(w);
+  for (MeritOperandDesc const& d : ops) {
+    MeritOperandInput in;
+    in.record = d;
+    in.visit(w);
+  }
+  for (MeritVariableDesc const& d : vars) {
+    OperandInput<MeritVariableDesc> in;
+    in.record = d;
+    in.visit(w);
+  }
+  for (MeritPickupDesc const& d : pickups) {
+    OperandInput<MeritPickupDesc> in;
+    in.record = d;
+    in.visit(w);
+  }
+  save("fuzz_merit", kEvaluateMeritAndJacobian, name, w);
+}
+
 // The legacy list, codes 0 to 12, at 0.7 of the field.
 std::vector<MeritOperand> legacy_list() {
   std::vector<MeritOperand> ops;
@@ -408,6 +450,13 @@ std::vector<MeritOperand> legacy_list() {
 void merit_seeds(Lens const& lens) {
   std::vector<MeritOperandDesc> const ops = merit_function(lens);
   emit_merit(lens, lens.name, MeritArgs{}, ops);
+  for (int mode : {0, 1}) {
+    JacobianArgs j;
+    j.mode = mode;
+    j.parallel = mode == 0;
+    j.thread_count = 2;
+    emit_jacobian(lens, lens.name + (mode == 0 ? "_fd" : "_analytic"), j, ops);
+  }
   if (lens.name == "cooke") {
     MeritArgs bare;  // no outputs but the count of unsupported operands
     bare.null_results = bare.null_residuals = bare.null_residual_count = bare.null_merit = true;

@@ -783,7 +783,31 @@ void dual_operand(Pass<U>& p, MeritOperandDesc const& op, MeritResult const& pla
     ok = dual_paraxial_operand(op, p.sys, p.wavelengths, p.config, *p.ctx, v);
   }
   // A ray that fails here although the plain one passed gives no slots.
-  r.value = ok ? with_slots(plain.value, v) : JDual(plain.value);
+  r.value = ok ? v : JDual(plain.value);
+}
+
+// The rays whose dual value is the plain value to the bit, when the pass
+// meets no surface whose dual step differs in value (see exact_values):
+// their plain traces are then left out of the base evaluation.
+bool takes_dual_value(unsigned c) { return c <= 5 || in(c, 70, 73); }
+
+// The raw value and status of a ray operand from its dual ray, by the rule
+// of the plain driver.
+template <typename U>
+void dual_raw_value(Pass<U>& p, MeritOperandDesc const& op, MeritResult& plain, DualResult& r) {
+  int const w = detail::merit_wave_index(op.wave, *p.config, p.wave_count);
+  JDual v(0.0);
+  bool failed = false;
+  if (op.type <= 5) {
+    v = ray_coordinate(p, op, w);
+  } else {
+    failed = !transverse_operand(p, op, w, v);
+  }
+  if (failed) v = JDual(0.0);
+  plain.value = val(v);
+  plain.status = failed ? -1 : (fabs(val(v)) <= DBL_MAX ? 1 : -1);
+  r.value = v;
+  r.status = plain.status;
 }
 
 bool reads_semi_diameter(unsigned c) {
@@ -794,10 +818,11 @@ bool reads_semi_diameter(unsigned c) {
 // when the row stays 0: a bound operand inside its bounds, or a failure.
 // Above code 87 the residual is the value itself (the bounds act inside the
 // operand, on each surface), so its row always follows the value.
-bool row_slots(MeritOperandDesc const& op, DualResult const& r, JDual& t) {
-  if (r.status != 1) return false;
+bool row_slots(MeritOperandDesc const& op, MeritResult const& plain, DualResult const& r,
+               JDual& t) {
+  if (plain.status != 1) return false;
   t = op.transform == 8 ? fabs(r.value) : r.value;
-  double const v = detail::merit_transform(op.transform, val(r.value));
+  double const v = detail::merit_transform(op.transform, plain.value);
   if (op.type <= 87 && (op.has_lower != 0 || op.has_upper != 0)) {
     bool const broken = (op.has_lower != 0 && op.lower > v) || (op.has_upper != 0 && v > op.upper);
     if (!broken) return false;
@@ -825,9 +850,18 @@ struct PassInputs {
   SdArgmax const* argmax;
 };
 
+// The base evaluation when a pass forms it: the rays of the ray operands
+// come from the pass's dual rays, the rest as the plain driver forms them.
+struct BaseOutputs {
+  MeritResult* results;
+  double* residuals;
+  int* count;
+  double* merit;
+};
+
 template <typename U>
 void run_pass(PassInputs const& in, DualArrays& a, DualResult* dual, int first, int live,
-              double* jacobian, bool follow_aim) {
+              double* jacobian, bool follow_aim, BaseOutputs const* base) {
   fill_pass(a, in.surfaces, in.n, in.variables, first, live, in.pickups, in.pickup_count);
   if constexpr (!std::is_same<U, double>::value) {
     build_dual_rows(a, in.surfaces, in.n, in.index_table, in.wavelengths, in.wave_count);
@@ -879,12 +913,31 @@ void run_pass(PassInputs const& in, DualArrays& a, DualResult* dual, int first, 
   }
   // Operands, then composites and the ray-group corrections on the slots.
   for (int i = 0; i < in.count; ++i) {
-    if (detail::is_composite(in.ops[i].type)) {
+    MeritOperandDesc const& op = in.ops[i];
+    if (detail::is_composite(op.type)) {
       dual[i].value = JDual(0.0);
       dual[i].status = 1;
+      if (base != nullptr) base->results[i] = MeritResult{0.0, 1};
       continue;
     }
-    dual_operand(p, in.ops[i], in.results[i], dual[i]);
+    if (base != nullptr && takes_dual_value(op.type)) {
+      dual_raw_value(p, op, base->results[i], dual[i]);
+      continue;
+    }
+    if (base != nullptr) {
+      base->results[i] = MeritResult{0.0, 0};
+      detail::merit_raw_value(op, in.surfaces, in.n, in.index_table, in.wavelengths,
+                              in.wave_count, in.config, ctx, nullptr, base->results[i]);
+    }
+    dual_operand(p, op, in.results[i], dual[i]);
+  }
+  if (base != nullptr) {
+    // The driver on the raw values: composites, corrections, residuals.
+    evaluate_merit(in.surfaces, in.n, in.index_table, in.wavelengths, in.wave_count, in.config,
+                   in.fields, in.field_count, in.ops, in.count, base->results, base->residuals,
+                   base->count, base->merit, true, nullptr);
+    long const cells = static_cast<long>(*base->count) * in.variable_count;
+    for (long e = 0; e < cells; ++e) jacobian[e] = 0.0;
   }
   for (int i = 0; i < in.count; ++i) {
     if (!detail::is_composite(in.ops[i].type)) continue;
@@ -901,7 +954,7 @@ void run_pass(PassInputs const& in, DualArrays& a, DualResult* dual, int first, 
     MeritOperandDesc const& op = in.ops[i];
     if (op.weight == 0.0 || in.results[i].status == 0) continue;
     JDual t;
-    if (row_slots(op, dual[i], t)) {
+    if (row_slots(op, in.results[i], dual[i], t)) {
       double const s = sqrt(op.weight);
       for (int k = 0; k < live; ++k) jacobian[slot * stride + first + k] = s * t.d[k];
     }
@@ -932,6 +985,39 @@ bool moves_glass(MeritPickupDesc const* pickups, int count) {
   return false;
 }
 
+// The unsupported count that the plain driver will report: weighted
+// operands without an evaluator, or every weighted one without an index row.
+int unsupported_count(MeritOperandDesc const* ops, int count, int wave_count) {
+  int unsupported = 0;
+  for (int i = 0; i < count; ++i) {
+    unsigned const c = ops[i].type;
+    if (ops[i].weight == 0.0 || detail::is_composite(c)) continue;
+    if (!detail::catalogue_has_evaluator(c) || wave_count < 1) ++unsupported;
+  }
+  return unsupported;
+}
+
+// True when the dual rays of a pass give the plain ray values to the bit:
+// constant index rows, no even asphere (its landing adds a Newton step), no
+// plane whose curvature carries slots (it is met by the conic step), and no
+// robust aim (which the dual launch does not follow).
+bool exact_values(SurfaceData const* s, int n, SystemConfig const& cfg,
+                  MeritVariableDesc const* variables, int live, MeritPickupDesc const* pickups,
+                  int pickup_count) {
+  if (cfg.ray_aiming == 2) return false;
+  auto plane = [&](int k) { return k >= 0 && k < n && fabs(s[k].curvature) < kPlaneCurvature; };
+  for (int i = 0; i < n; ++i) {
+    if (s[i].type == NUVRIX_SURFACE_EVEN_ASPHERE) return false;
+  }
+  for (int v = 0; v < live; ++v) {
+    if (variables[v].kind == 0 && plane(variables[v].surface)) return false;
+  }
+  for (int k = 0; k < pickup_count; ++k) {
+    if (pickups[k].kind == 0 && plane(pickups[k].target_surface)) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 namespace detail {
@@ -943,7 +1029,8 @@ int analytic_jacobian(SurfaceData const* surfaces, int n, double const* index_ta
                       MeritPickupDesc const* pickups, int pickup_count, MeritResult* results,
                       double* residuals, SurfaceData* work_surfaces, FieldData* work_fields,
                       double* jacobian, int* residual_count, double* merit, bool follow_aim) {
-  // The base evaluation, with the rays that set the semi-diameters kept.
+  // The system of the base evaluation, with the rays that set the
+  // semi-diameters kept.
   if (n > kMaxSurfaces) return -2;  // the dual arrays hold 256 surfaces
   for (int i = 0; i < n; ++i) work_surfaces[i] = surfaces[i];
   for (int f = 0; f < field_count; ++f) work_fields[f] = fields[f];
@@ -951,46 +1038,63 @@ int analytic_jacobian(SurfaceData const* surfaces, int n, double const* index_ta
   SdArgmax argmax[kMaxSurfaces];
   solve_semi_diameters_impl(work_surfaces, n, index_table, wavelengths, wave_count, config,
                             work_fields, field_count, argmax);
-  int base_count = 0;
-  int const status =
-      evaluate_merit(work_surfaces, n, index_table, wavelengths, wave_count, config, work_fields,
-                     field_count, ops, operand_count, results, residuals, &base_count, merit,
-                     false, nullptr);
-  if (residual_count != nullptr) *residual_count = base_count;
-  if (status != 0) return status;
-
   bool const infinite = n > 0 && detail::is_infinite_distance(work_surfaces[0].thickness);
-  if (!accepted(ops, operand_count, variables, variable_count, *config, work_fields, field_count,
-                infinite)) {
-    return -2;
+  // The index rows carry slots only where a pass moves the model glass:
+  // with model glass but no such variable or pickup their slots would all
+  // be 0, and the constant rows give the same derivatives at less cost.
+  bool const glass = any_model_glass(work_surfaces, n);
+  bool const glass_pickups = moves_glass(pickups, pickup_count);
+  auto dual_rows = [&](int first, int live) {
+    return glass && (glass_pickups || moves_glass(variables + first, live));
+  };
+  int const first_live = variable_count < kPassVariables ? variable_count : kPassVariables;
+  bool const usable = unsupported_count(ops, operand_count, wave_count) == 0 &&
+                      accepted(ops, operand_count, variables, variable_count, *config,
+                               work_fields, field_count, infinite) &&
+                      operand_count <= kAnalyticMaxOperands && wave_count >= 1 &&
+                      !(glass && static_cast<long>(wave_count) * n > kDualIndexEntries);
+  // The base evaluation: by the plain driver, or, where the first pass's
+  // dual rays give the plain values to the bit, by that pass itself.
+  bool const from_pass = usable && variable_count >= 1 && !dual_rows(0, first_live) &&
+                         exact_values(work_surfaces, n, *config, variables, first_live, pickups,
+                                      pickup_count);
+  int base_count = 0;
+  if (!from_pass) {
+    int const status = evaluate_merit(work_surfaces, n, index_table, wavelengths, wave_count,
+                                      config, work_fields, field_count, ops, operand_count,
+                                      results, residuals, &base_count, merit, false, nullptr);
+    if (residual_count != nullptr) *residual_count = base_count;
+    if (status != 0) return status;
+    if (!accepted(ops, operand_count, variables, variable_count, *config, work_fields,
+                  field_count, infinite)) {
+      return -2;
+    }
+    if (variable_count < 1) return 0;
+    if (!usable) return -2;
+    for (long e = 0; e < static_cast<long>(base_count) * variable_count; ++e) jacobian[e] = 0.0;
   }
-  if (variable_count < 1) return 0;
-  if (operand_count > kAnalyticMaxOperands || wave_count < 1) return -2;
-
-  for (long e = 0; e < static_cast<long>(base_count) * variable_count; ++e) jacobian[e] = 0.0;
   MeritContext const ctx =
       build_context(work_surfaces, n, index_table, wave_count, config, work_fields, field_count);
   PassInputs const in = {work_surfaces, n,         index_table,   wavelengths, wave_count,
                          config,        work_fields, field_count, ops,         operand_count,
                          results,       variables, variable_count, pickups,    pickup_count,
                          &ctx,          argmax};
+  BaseOutputs const base = {results, residuals, &base_count, merit};
   DualArrays arrays_storage;
   DualResult dual_storage[kAnalyticMaxOperands];
-  // The index rows carry slots only where a pass moves the model glass:
-  // with model glass but no such variable or pickup their slots would all
-  // be 0, and the constant rows give the same derivatives at less cost.
-  bool const glass = any_model_glass(work_surfaces, n);
-  bool const glass_pickups = moves_glass(pickups, pickup_count);
-  if (glass && static_cast<long>(wave_count) * n > kDualIndexEntries) return -2;
   for (int first = 0; first < variable_count; first += kPassVariables) {
     int const live = variable_count - first < kPassVariables ? variable_count - first
                                                               : kPassVariables;
-    if (glass && (glass_pickups || moves_glass(variables + first, live))) {
-      run_pass<JDual>(in, arrays_storage, dual_storage, first, live, jacobian, follow_aim);
+    BaseOutputs const* forms_base = from_pass && first == 0 ? &base : nullptr;
+    if (dual_rows(first, live)) {
+      run_pass<JDual>(in, arrays_storage, dual_storage, first, live, jacobian, follow_aim,
+                      forms_base);
     } else {
-      run_pass<double>(in, arrays_storage, dual_storage, first, live, jacobian, follow_aim);
+      run_pass<double>(in, arrays_storage, dual_storage, first, live, jacobian, follow_aim,
+                       forms_base);
     }
   }
+  if (from_pass && residual_count != nullptr) *residual_count = base_count;
   // The chain rule onto the host's unbounded x.
   for (int v = 0; v < variable_count; ++v) {
     MeritVariableDesc const& var = variables[v];

@@ -277,6 +277,29 @@ TEST(MeritJacobian, AnalyticMatchesCentralDifferencesAcrossSystems) {
   relay.expect_analytic_matches_central(1e-5, 1e-7);
 }
 
+// Where the dual rays give the plain values to the bit, the analytic call
+// forms its residuals from them instead of tracing the rays again: they
+// must be the plain driver's residuals, bit for bit.
+TEST(MeritJacobian, AnalyticResidualsAreThePlainOnes) {
+  Problem cooke = cooke_problem();
+  Problem aimed;
+  aimed.sys = retrofocus();
+  aimed.cfg.stop_surface = kRetrofocusStop;
+  aimed.cfg.aperture_value = 6.0;
+  aimed.cfg.ray_aiming = 1;
+  aimed.fields = {{0.0, 0.0, 0.0}, {25.0, 0.0, 0.0}};
+  add_ray_grid(aimed, 72, 73);
+  aimed.ops.push_back(operand(1, 1.0, 0.0, 1.0));
+  aimed.vars = {variable(0, 1), variable(1, 2)};
+  for (Problem* p : {&cooke, &aimed}) {
+    ASSERT_EQ(p->call(0, 1, nullptr, false), 0);  // the plain driver only
+    std::vector<double> const plain(p->residuals.begin(), p->residuals.begin() + p->count);
+    ASSERT_EQ(p->call(1, 1), 0);
+    ASSERT_EQ(p->count, static_cast<int>(plain.size()));
+    for (int r = 0; r < p->count; ++r) EXPECT_EQ(p->residuals[r], plain[r]) << r;
+  }
+}
+
 TEST(MeritJacobian, ModelGlassVariablesReachTheWavefront) {
   Problem p;
   p.sys = make_system({0.0, 40.0, -60.0, 0.0}, {1e10, 6.0, 60.0, 0.0}, {1.0, 1.5168, 1.0, 1.0});

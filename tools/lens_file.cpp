@@ -645,7 +645,11 @@ bool load_lens_file(const std::string& path, Lens& lens, std::string& error) {
       error = path + ": " + error;
       return false;
     }
-    if (j.contains("merit")) lens.merit = read_merit(j["merit"], lens);
+    if (j.contains("merit")) {
+      lens.merit = read_merit(j["merit"], lens);
+      const json& m = j["merit"];
+      lens.merit_is_default = m.is_string() || (m.is_object() && m.contains("default"));
+    }
     if (j.contains("variables")) lens.variables = read_variables(j["variables"], lens);
     if (j.contains("pickups")) lens.pickups = read_pickups(j["pickups"], lens);
   } catch (const std::exception& e) {

@@ -52,6 +52,7 @@ struct Lens {
   std::vector<double> wavelengths_um;
   std::vector<std::string> media;       // short description of the medium behind each surface
   std::vector<MeritOperandDesc> merit;  // the lens file's merit function; empty: none given
+  bool merit_is_default = false;         // the file asked for the default merit function
   std::vector<MeritVariableDesc> variables;  // what an optimisation may change
   std::vector<MeritPickupDesc> pickups;      // parameters tied to others: factor * source + offset
 

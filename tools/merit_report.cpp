@@ -265,15 +265,16 @@ void print_transverse_summary(const Lens& lens, const std::vector<MeritOperandDe
 
 void print_merit(const Lens& lens) {
   print_heading("Merit function");
-  const bool from_file = !lens.merit.empty();
+  // A file that names the default merit function is reported as the default.
+  const bool from_file = !lens.merit.empty() && !lens.merit_is_default;
   const std::vector<MeritOperandDesc> ops =
-      from_file ? lens.merit : default_merit_function(lens, kDefaultRings);
+      !lens.merit.empty() ? lens.merit : default_merit_function(lens, kDefaultRings);
   const int count = static_cast<int>(ops.size());
   if (from_file) {
     std::printf("  the lens file's merit function, %d operands\n", count);
   } else {
     std::printf(
-        "  the lens file has no merit block: the default merit function, %d operands:\n"
+        "  the default merit function, %d operands:\n"
         "  transverse x and y on a hexapolar pupil of %d rings at every field and\n"
         "  wavelength (centroid per field), the focal length held at its present value\n"
         "  (weight 10), lower bounds on centre and edge thickness of glass (1 mm) and\n"
