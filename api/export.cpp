@@ -19,6 +19,7 @@
 #include "merit/merit_eval.hpp"
 #include "merit/merit_function.hpp"
 #include "merit/merit_jacobian.hpp"
+#include "gpu/cuda_loader.hpp"
 #include "trace/front_ends.hpp"
 #include "trace/trace_core.hpp"
 
@@ -474,4 +475,44 @@ int32_t nuvrix_evaluate_merit_operands_full(const SurfaceData* surfaces, int32_t
   return nuvrix::evaluate_merit_operands_full(surfaces, n, index_table, wavelengths, wave_count,
                                               config, fields, field_count, operands,
                                               operand_count, results);
+}
+
+// GPU ------------------------------------------------------------------------
+
+int32_t nuvrix_gpu_init(void) { return nuvrix::gpu::cuda_init(); }
+
+GpuQueryResult nuvrix_gpu_query(void) {
+  nuvrix::gpu::CudaCapabilities caps;
+  GpuQueryResult r = {};
+  if (nuvrix::gpu::cuda_query_capabilities(&caps) != 0) return r;
+  r.available = 1;
+  r.multiprocessor_count = caps.multiprocessor_count;
+  r.max_threads_per_multiprocessor = caps.max_threads_per_multiprocessor;
+  r.max_threads_per_block = caps.max_threads_per_block;
+  r.warp_size = caps.warp_size;
+  r.compute_major = caps.compute_major;
+  r.compute_minor = caps.compute_minor;
+  return r;
+}
+
+int32_t nuvrix_gpu_last_cuda_error(void) { return nuvrix::gpu::cuda_last_error(); }
+
+int32_t nuvrix_gpu_alloc_device(long bytes, void** out) {
+  return nuvrix::gpu::cuda_alloc_device(bytes, out);
+}
+
+int32_t nuvrix_gpu_free_device(void* device_ptr) {
+  return nuvrix::gpu::cuda_free_device(device_ptr);
+}
+
+int32_t nuvrix_gpu_htod_device(void* device_dst, const void* host_src, long bytes) {
+  return nuvrix::gpu::cuda_htod_device(device_dst, host_src, bytes);
+}
+
+int32_t nuvrix_gpu_dtoh_device(void* host_dst, const void* device_src, long bytes) {
+  return nuvrix::gpu::cuda_dtoh_device(host_dst, device_src, bytes);
+}
+
+long nuvrix_gpu_glass_catalog_bytes(int32_t rows, int32_t columns) {
+  return nuvrix::gpu::cuda_glass_catalog_bytes(rows, columns);
 }

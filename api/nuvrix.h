@@ -1022,6 +1022,55 @@ int32_t nuvrix_evaluate_merit_operands_full(const SurfaceData* surfaces, int32_t
                                             const MeritOperand* operands, int32_t operand_count,
                                             MeritResult* results);
 
+/* ------------------------------------------------------------------------ */
+/* GPU: the CUDA driver is opened at run time by name ("libcuda.so", then    */
+/* "libcuda.so.1"); the kernels lie in nuvrix_kernel.fatbin beside the       */
+/* library file and nowhere else.  Without a driver, a device or the side    */
+/* file every GPU call fails with a status and the CPU paths go on.  Status  */
+/* codes of the device calls: 0 done, -1 set-up failed, -2 the context       */
+/* cannot be made current, -3 a null pointer, a short scratch or a failed    */
+/* allocation, -4 upload failed, -5 launch failed, -6 synchronise failed,    */
+/* -7 download failed, -8 an invalid size.                                   */
+/* ------------------------------------------------------------------------ */
+
+/* What nuvrix_gpu_query reports: available 1 with the device's figures, or
+ * available 0 and all zero. */
+typedef struct GpuQueryResult {
+  int32_t available;
+  int32_t multiprocessor_count;
+  int32_t max_threads_per_multiprocessor;
+  int32_t max_threads_per_block;
+  int32_t warp_size;
+  int32_t compute_major;
+  int32_t compute_minor;
+} GpuQueryResult;
+NUVRIX_STATIC_ASSERT(sizeof(GpuQueryResult) == 28, "GpuQueryResult must be 28 bytes");
+
+/* Sets up device 0 once per process (later calls return the same status):
+ * 0 ready, 1 no driver (or a driver without a device), 2 no device, 3 no
+ * context, 4 no side file, an unreadable one, or one without a required
+ * kernel. */
+int32_t nuvrix_gpu_init(void);
+
+/* The device's figures, initialising first. */
+GpuQueryResult nuvrix_gpu_query(void);
+
+/* The last raw driver error code that a device call failed with (0: none). */
+int32_t nuvrix_gpu_last_cuda_error(void);
+
+/* Device memory.  alloc: -3 for a null out (else *out is set to null
+ * first), 0 for bytes < 1 without allocating.  free: 0 for a null pointer
+ * even without a device.  htod and dtoh: 0 for bytes < 1, -4 for a null
+ * pointer or a failed copy.  Otherwise -1 or -2 as above. */
+int32_t nuvrix_gpu_alloc_device(long bytes, void** out);
+int32_t nuvrix_gpu_free_device(void* device_ptr);
+int32_t nuvrix_gpu_htod_device(void* device_dst, const void* host_src, long bytes);
+int32_t nuvrix_gpu_dtoh_device(void* host_dst, const void* device_src, long bytes);
+
+/* Bytes of a glass catalogue of rows x columns doubles; 0 if either < 1,
+ * or if the count does not fit a long. */
+long nuvrix_gpu_glass_catalog_bytes(int32_t rows, int32_t columns);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cmath>
+#include <climits>
 #include <cstdio>
 #include <string>
 #include <utility>
@@ -484,6 +485,17 @@ void merit_seeds(Lens const& lens) {
 
 }  // namespace
 
+// The GPU family: a catalogue of 3 x 4 and a buffer of 64 bytes; one with
+// counts at the edges of a long.
+void gpu_seeds() {
+  int32_t const cases[2][3] = {{3, 4, 64}, {INT_MAX, INT_MAX, 0}};
+  for (int k = 0; k < 2; ++k) {
+    Writer w;
+    for (int32_t v : cases[k]) w.i32(v);
+    save("fuzz_gpu", 0, k == 0 ? "small" : "edges", w);
+  }
+}
+
 int main(int argc, char** argv) {
   if (argc != 2) {
     std::fprintf(stderr, "usage: %s OUTDIR\n", argv[0]);
@@ -500,5 +512,6 @@ int main(int argc, char** argv) {
     field_seeds(lens);
     merit_seeds(lens);
   }
+  gpu_seeds();
   return 0;
 }

@@ -28,7 +28,7 @@ bash scripts/setup.sh
 
 dir=build-fuzz
 harnesses=(fuzz_trace fuzz_first_order fuzz_spot_fans fuzz_wavefront fuzz_geometric fuzz_field
-           fuzz_merit)
+           fuzz_merit fuzz_gpu)
 
 start=$(date +%s)
 CC=clang CXX=clang++ cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Release -DNUVRIX_FUZZ=ON >/dev/null

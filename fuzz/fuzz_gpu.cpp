@@ -1,0 +1,54 @@
+// The GPU family: the set-up and its status, the query, the buffer sizes
+// and the device memory calls, checked against the code table whatever the
+// arguments.  Without a device every call that needs one fails with -1 and
+// leaves the caller's memory as it was.
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "fuzz/fuzz_input.hpp"
+
+using namespace nuvrix_fuzz;
+
+namespace {
+
+[[noreturn]] void broken(char const* what) {
+  std::fprintf(stderr, "fuzz_gpu: contract broken: %s\n", what);
+  std::abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
+  Reader in(data, size);
+  int32_t const rows = in.i32(), columns = in.i32();
+  long const cells = static_cast<long>(rows) * columns;
+  long const want = rows < 1 || columns < 1 || cells > LONG_MAX / 8 ? 0 : cells * 8;
+  if (nuvrix_gpu_glass_catalog_bytes(rows, columns) != want) broken("catalogue bytes");
+
+  int32_t const status = nuvrix_gpu_init();
+  if (status < 0 || status > 4 || nuvrix_gpu_init() != status) broken("set-up status");
+  GpuQueryResult const q = nuvrix_gpu_query();
+  GpuQueryResult const zero = {};
+  if (q.available == 0 && std::memcmp(&q, &zero, sizeof q) != 0) broken("query not zeroed");
+  if (q.available == 1 && status != 0) broken("available without a set-up");
+
+  int32_t bytes = 0;
+  in.count(bytes, 4096);
+  std::vector<unsigned char> host(bytes > 0 ? bytes : 1, 0x5a), back(host.size(), 0);
+  void* device = reinterpret_cast<void*>(1);
+  int32_t const alloc = nuvrix_gpu_alloc_device(bytes, &device);
+  if (bytes < 1 && (alloc != 0 || device != nullptr)) broken("empty allocation");
+  if (bytes >= 1 && status != 0 && (alloc != -1 || device != nullptr)) broken("allocation without a device");
+  if (nuvrix_gpu_alloc_device(bytes, nullptr) != -3) broken("null out");
+  if (bytes >= 1 && nuvrix_gpu_htod_device(nullptr, host.data(), bytes) != -4) broken("null target");
+  if (device != nullptr) {
+    if (nuvrix_gpu_htod_device(device, host.data(), bytes) != 0) broken("upload");
+    if (nuvrix_gpu_dtoh_device(back.data(), device, bytes) != 0) broken("download");
+    if (std::memcmp(host.data(), back.data(), static_cast<size_t>(bytes)) != 0) broken("round trip");
+    if (nuvrix_gpu_free_device(device) != 0) broken("free");
+  }
+  if (nuvrix_gpu_free_device(nullptr) != 0) broken("free of null");
+  return 0;
+}

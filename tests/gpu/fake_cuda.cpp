@@ -1,0 +1,150 @@
+// A stand-in for the CUDA driver, for the loader's tests on machines
+// without a GPU: the 24 entry points with the driver's signatures, device
+// memory in host memory, and a module whose "image" is the list of kernel
+// names it holds, one a line.  The environment variable FAKE_CUDA picks a
+// failure: "nodevice", "noctx", "allocfail", "launchfail", "syncfail";
+// anything else works.  Only the test's fake reads the environment; the
+// engine never does.
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <list>
+#include <string>
+
+namespace {
+
+using CUresult = int;
+struct Module {
+  std::string names;
+};
+int g_outstanding = 0;  // device allocations not yet freed
+
+bool mode(char const* m) {
+  char const* v = std::getenv("FAKE_CUDA");
+  return v != nullptr && std::strcmp(v, m) == 0;
+}
+
+struct Function {
+  std::string name;
+};
+
+// Modules and functions live until the process ends, as the driver's do.
+std::list<Module> g_modules;
+std::list<Function> g_functions;
+
+}  // namespace
+
+extern "C" {
+
+int fake_cuda_outstanding() { return g_outstanding; }
+
+CUresult cuInit(unsigned) { return 0; }
+CUresult cuDriverGetVersion(int* v) {
+  *v = 13000;
+  return 0;
+}
+CUresult cuDeviceGetCount(int* c) {
+  *c = mode("nodevice") ? 0 : 1;
+  return 0;
+}
+CUresult cuDeviceGet(int* d, int) {
+  *d = 0;
+  return 0;
+}
+CUresult cuDeviceGetName(char*, int, int) { return 0; }
+CUresult cuDeviceGetAttribute(int* v, int attribute, int) {
+  switch (attribute) {
+    case 16: *v = 132; break;    // multiprocessors
+    case 39: *v = 2048; break;   // threads a multiprocessor
+    case 1: *v = 1024; break;    // threads a block
+    case 10: *v = 32; break;     // warp
+    case 75: *v = 9; break;      // compute capability
+    case 76: *v = 0; break;
+    default: *v = -1; break;
+  }
+  return 0;
+}
+CUresult cuDevicePrimaryCtxRetain(void** ctx, int) {
+  static int context;
+  *ctx = &context;
+  return mode("noctx") ? 201 : 0;
+}
+CUresult cuDevicePrimaryCtxRelease(int) { return 0; }
+CUresult cuCtxSetCurrent(void*) { return 0; }
+CUresult cuCtxSynchronize() { return mode("syncfail") ? 999 : 0; }
+CUresult cuCtxSetLimit(int, size_t) { return 0; }
+CUresult cuModuleLoadData(void** module, void const* image) {
+  g_modules.push_back(Module{static_cast<char const*>(image)});
+  *module = &g_modules.back();
+  return 0;
+}
+CUresult cuModuleUnload(void*) { return 0; }
+CUresult cuModuleGetFunction(void** f, void* module, char const* name) {
+  std::string const& names = static_cast<Module*>(module)->names;
+  if (("\n" + names + "\n").find("\n" + std::string(name) + "\n") == std::string::npos) {
+    return 500;  // not found
+  }
+  g_functions.push_back(Function{name});
+  *f = &g_functions.back();
+  return 0;
+}
+CUresult cuMemAlloc_v2(unsigned long long* p, size_t bytes) {
+  if (mode("allocfail")) return 2;
+  *p = reinterpret_cast<unsigned long long>(std::malloc(bytes));
+  ++g_outstanding;
+  return 0;
+}
+CUresult cuMemFree_v2(unsigned long long p) {
+  std::free(reinterpret_cast<void*>(p));
+  --g_outstanding;
+  return 0;
+}
+CUresult cuMemcpyHtoD_v2(unsigned long long d, void const* h, size_t bytes) {
+  std::memcpy(reinterpret_cast<void*>(d), h, bytes);
+  return 0;
+}
+CUresult cuMemcpyDtoH_v2(void* h, unsigned long long d, size_t bytes) {
+  std::memcpy(h, reinterpret_cast<void const*>(d), bytes);
+  return 0;
+}
+CUresult cuMemsetD8_v2(unsigned long long d, unsigned char v, size_t bytes) {
+  std::memset(reinterpret_cast<void*>(d), v, bytes);
+  return 0;
+}
+// The smoke kernel run on the host, thread by thread of the launch shape.
+CUresult cuLaunchKernel(void* f, unsigned gx, unsigned gy, unsigned gz, unsigned bx, unsigned by,
+                        unsigned bz, unsigned shared, void*, void** params, void** extra) {
+  if (mode("launchfail")) return 700;
+  if (static_cast<Function*>(f)->name != "nuvrix_smoke_kernel" || gy != 1 || gz != 1 ||
+      by != 1 || bz != 1 || shared != 0 || extra != nullptr) {
+    return 1;
+  }
+  auto ptr = [&](int k) { return *static_cast<double**>(params[k]); };
+  int const count = *static_cast<int*>(params[5]);
+  for (unsigned t = 0; t < gx * bx; ++t) {
+    int const i = static_cast<int>(t);
+    if (i >= count) continue;
+    double const x = ptr(0)[i], y = ptr(1)[i];
+    ptr(2)[i] = x + y;
+    ptr(3)[i] = x * y;
+    ptr(4)[i] = std::sqrt(x * x + y * y);
+  }
+  return 0;
+}
+CUresult cuStreamSynchronize(void*) { return 0; }
+CUresult cuGetErrorName(CUresult code, char const** name) {
+  static std::string text;
+  text = "CUDA_ERROR_FAKE_" + std::to_string(code);
+  *name = text.c_str();
+  return 0;
+}
+CUresult cuGetErrorString(CUresult, char const** s) {
+  *s = "fake";
+  return 0;
+}
+CUresult cuOccupancyMaxActiveBlocksPerMultiprocessor(int* n, void*, int, size_t) {
+  *n = 8;
+  return 0;
+}
+
+}  // extern "C"

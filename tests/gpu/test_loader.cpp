@@ -1,0 +1,185 @@
+// The driver loader against a stand-in driver (fake_cuda.cpp), on any
+// machine.  Each case loads its own copy of the library from a folder of
+// its own, with the side file the case needs beside it: a copy is a new
+// instance with its own once-only set-up, so every case starts afresh.
+// This program does not link the library, so that no instance in the
+// global scope takes the copies' calls to their own exported functions.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "api/nuvrix.h"
+#include "gpu/cuda_loader.hpp"
+
+#ifndef NUVRIX_LIBRARY_FILE
+#error "NUVRIX_LIBRARY_FILE names the built library"
+#endif
+
+namespace {
+
+// The seventeen kernels of the side file, the first ten required.
+std::vector<std::string> all_kernels() {
+  return {"nuvrix_smoke_kernel",           "nuvrix_efl_jacobian_kernel",
+          "nuvrix_ry_jacobian_kernel",     "nuvrix_spot_jacobian_kernel",
+          "nuvrix_opd_jacobian_kernel",    "nuvrix_sd_jacobian_kernel",
+          "nuvrix_ry_batched_jacobian_kernel", "nuvrix_efl_value_kernel",
+          "nuvrix_ry_value_kernel",        "nuvrix_merit_value_kernel",
+          "nuvrix_merit_value_kernel_f32", "nuvrix_merit_value_kernel_soa",
+          "nuvrix_trace_microbench_f32",   "nuvrix_trace_microbench_f64",
+          "nuvrix_de_vary_kernel",         "nuvrix_de_select_kernel",
+          "nuvrix_trace_grid_kernel"};
+}
+
+// A library copy with a side file listing `kernels` (none: no side file;
+// an empty list: an empty file), under the failure `mode` of the fake.
+struct Copy {
+  void* lib = nullptr;
+  std::string dir;
+  Copy(char const* mode, std::vector<std::string> const* kernels) {
+    setenv("FAKE_CUDA", mode, 1);
+    char templ[] = "/tmp/nuvrix_loader_XXXXXX";
+    dir = mkdtemp(templ);
+    std::string const copy = dir + "/libnuvrix_native.so";
+    {
+      std::ifstream in(NUVRIX_LIBRARY_FILE, std::ios::binary);
+      std::ofstream out(copy, std::ios::binary);
+      out << in.rdbuf();
+    }
+    if (kernels != nullptr) {
+      std::ofstream side(dir + "/nuvrix_kernel.fatbin", std::ios::binary);
+      std::string text;
+      for (std::string const& k : *kernels) text += k + "\n";
+      if (!text.empty()) side.write(text.c_str(), static_cast<std::streamsize>(text.size() + 1));
+    }
+    lib = dlopen(copy.c_str(), RTLD_NOW | RTLD_LOCAL);
+  }
+  ~Copy() {
+    std::string const cmd = "rm -rf " + dir;
+    (void)std::system(cmd.c_str());
+  }
+  template <typename F>
+  F fn(char const* name) const {
+    return reinterpret_cast<F>(dlsym(lib, name));
+  }
+  int init() const { return fn<int32_t (*)()>("nuvrix_gpu_init")(); }
+  nuvrix::gpu::GpuState& state() const {
+    return fn<nuvrix::gpu::GpuState& (*)()>("_ZN6nuvrix3gpu5stateEv")();
+  }
+};
+
+int outstanding() {
+  void* fake = dlopen("libcuda.so", RTLD_NOW | RTLD_NOLOAD);
+  auto f = reinterpret_cast<int (*)()>(dlsym(fake, "fake_cuda_outstanding"));
+  return f == nullptr ? -1 : f();
+}
+
+using Smoke = int (*)(double const*, double const*, double*, double*, double*, int);
+constexpr char kSmoke[] = "_ZN6nuvrix3gpu14cuda_run_smokeEPKdS2_PdS3_S3_i";
+
+}  // namespace
+
+TEST(GpuLoader, SetUpStatusFollowsWhatIsMissing) {
+  std::vector<std::string> const all = all_kernels();
+  std::vector<std::string> const empty;
+  std::vector<std::string> no_merit, no_grid;
+  for (std::string const& k : all) {
+    if (k != "nuvrix_merit_value_kernel") no_merit.push_back(k);
+    if (k != "nuvrix_trace_grid_kernel") no_grid.push_back(k);
+  }
+  struct Case {
+    char const* what;
+    char const* mode;
+    std::vector<std::string> const* kernels;
+    int want;
+  } const cases[] = {
+      {"a driver without a device is no driver", "nodevice", &all, 1},
+      {"no context", "noctx", &all, 3},
+      {"no side file", "", nullptr, 4},
+      {"an empty side file", "", &empty, 4},
+      {"a required kernel missing", "", &no_merit, 4},
+      {"an optional kernel missing", "", &no_grid, 0},
+      {"everything there", "", &all, 0},
+  };
+  for (Case const& c : cases) {
+    Copy copy(c.mode, c.kernels);
+    ASSERT_NE(copy.lib, nullptr) << c.what;
+    EXPECT_EQ(copy.init(), c.want) << c.what;
+    EXPECT_EQ(copy.init(), c.want) << c.what << ": the outcome stays";
+    GpuQueryResult const q = copy.fn<GpuQueryResult (*)()>("nuvrix_gpu_query")();
+    EXPECT_EQ(q.available, c.want == 0 ? 1 : 0) << c.what;
+    if (c.want == 0) {
+      EXPECT_EQ(q.multiprocessor_count, 132);
+      EXPECT_EQ(q.max_threads_per_block, 1024);
+      EXPECT_EQ(q.compute_major * 10 + q.compute_minor, 90);
+      nuvrix::gpu::GpuState& s = copy.state();
+      EXPECT_NE(s.merit_value, nullptr);
+      EXPECT_EQ(s.trace_grid == nullptr, c.kernels == &no_grid) << c.what;
+    } else {
+      EXPECT_EQ(q.warp_size, 0);
+    }
+  }
+}
+
+TEST(GpuLoader, MemoryAndSmokeRoundTrip) {
+  std::vector<std::string> const all = all_kernels();
+  Copy copy("", &all);
+  ASSERT_EQ(copy.init(), 0);
+  auto alloc = copy.fn<int32_t (*)(long, void**)>("nuvrix_gpu_alloc_device");
+  auto htod = copy.fn<int32_t (*)(void*, void const*, long)>("nuvrix_gpu_htod_device");
+  auto dtoh = copy.fn<int32_t (*)(void*, void const*, long)>("nuvrix_gpu_dtoh_device");
+  auto release = copy.fn<int32_t (*)(void*)>("nuvrix_gpu_free_device");
+  void* d = reinterpret_cast<void*>(1);
+  EXPECT_EQ(alloc(0, &d), 0);
+  EXPECT_EQ(d, nullptr);
+  EXPECT_EQ(alloc(8, nullptr), -3);
+  ASSERT_EQ(alloc(24, &d), 0);
+  double const up[3] = {1.5, -2.0, 1e300};
+  double down[3] = {0.0, 0.0, 0.0};
+  EXPECT_EQ(htod(d, up, 24), 0);
+  EXPECT_EQ(htod(d, nullptr, 24), -4);
+  EXPECT_EQ(dtoh(down, d, 0), 0);
+  EXPECT_EQ(dtoh(down, d, 24), 0);
+  for (int k = 0; k < 3; ++k) EXPECT_EQ(down[k], up[k]);
+  EXPECT_EQ(release(d), 0);
+  EXPECT_EQ(outstanding(), 0);
+  // The smoke kernel over 300 elements: two blocks of 256 threads.
+  int const n = 300;
+  std::vector<double> a(n), b(n), o0(n), o1(n), o2(n);
+  for (int i = 0; i < n; ++i) a[i] = 0.25 * i - 3.0, b[i] = 1.0 / (i + 1);
+  Smoke const smoke = copy.fn<Smoke>(kSmoke);
+  ASSERT_EQ(smoke(a.data(), b.data(), o0.data(), o1.data(), o2.data(), n), 0);
+  for (int i = 0; i < n; ++i) {
+    ASSERT_EQ(o0[i], a[i] + b[i]);
+    ASSERT_EQ(o1[i], a[i] * b[i]);
+    ASSERT_EQ(o2[i], std::sqrt(a[i] * a[i] + b[i] * b[i]));
+  }
+  EXPECT_EQ(smoke(a.data(), b.data(), o0.data(), o1.data(), o2.data(), 0), 0);
+  EXPECT_EQ(smoke(nullptr, b.data(), o0.data(), o1.data(), o2.data(), n), -3);
+  EXPECT_EQ(outstanding(), 0);
+}
+
+// A failing driver call: its code, the error's name, and nothing left
+// allocated on the device.
+TEST(GpuLoader, DriverFailuresBecomeCodes) {
+  std::vector<std::string> const all = all_kernels();
+  struct Case {
+    char const* mode;
+    int want, cu_error;
+  } const cases[] = {{"allocfail", -3, 2}, {"launchfail", -5, 700}, {"syncfail", -6, 999}};
+  double a[4] = {1, 2, 3, 4}, o[4];
+  for (Case const& c : cases) {
+    Copy copy(c.mode, &all);
+    ASSERT_EQ(copy.init(), 0) << c.mode;
+    EXPECT_EQ(copy.fn<Smoke>(kSmoke)(a, a, o, o, o, 4), c.want) << c.mode;
+    EXPECT_EQ(copy.fn<int32_t (*)()>("nuvrix_gpu_last_cuda_error")(), c.cu_error) << c.mode;
+    auto name = copy.fn<char const* (*)(int)>("_ZN6nuvrix3gpu15cuda_error_nameEi");
+    EXPECT_EQ(std::string(name(c.cu_error)), "CUDA_ERROR_FAKE_" + std::to_string(c.cu_error));
+    EXPECT_EQ(outstanding(), 0) << c.mode;
+  }
+}
