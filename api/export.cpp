@@ -20,6 +20,7 @@
 #include "merit/merit_function.hpp"
 #include "merit/merit_jacobian.hpp"
 #include "gpu/cuda_loader.hpp"
+#include "gpu/gpu_merit_value.hpp"
 #include "trace/front_ends.hpp"
 #include "trace/trace_core.hpp"
 
@@ -515,4 +516,19 @@ int32_t nuvrix_gpu_dtoh_device(void* host_dst, const void* device_src, long byte
 
 long nuvrix_gpu_glass_catalog_bytes(int32_t rows, int32_t columns) {
   return nuvrix::gpu::cuda_glass_catalog_bytes(rows, columns);
+}
+
+long nuvrix_gpu_merit_value_scratch_size(int32_t population, int32_t n, int32_t wave_count,
+                                         int32_t field_count, int32_t operand_count) {
+  return nuvrix::gpu::cuda_merit_value_scratch_size(population, n, wave_count, field_count,
+                                                    operand_count);
+}
+
+long nuvrix_gpu_trace_grid_scratch_size(int32_t n, int32_t wave_count, int32_t field_count,
+                                        int32_t ray_count) {
+  return nuvrix::gpu::cuda_trace_grid_scratch_size(n, wave_count, field_count, ray_count);
+}
+
+int32_t nuvrix_gpu_merit_value_fill_count(void) {
+  return nuvrix::gpu::cuda_merit_value_fill_count();
 }

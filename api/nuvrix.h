@@ -1071,6 +1071,21 @@ int32_t nuvrix_gpu_dtoh_device(void* host_dst, const void* device_src, long byte
  * or if the count does not fit a long. */
 long nuvrix_gpu_glass_catalog_bytes(int32_t rows, int32_t columns);
 
+/* Bytes of the device scratch block of the population merit kernel for a
+ * population of candidates of one system (n surfaces, wave_count
+ * wavelengths, field_count fields, operand_count operands), and of the ray
+ * grid for ray_count rays; allocate it once with nuvrix_gpu_alloc_device.
+ * 0 when a count is below 1 (for the grid: below 0) or the size does not
+ * fit a long. */
+long nuvrix_gpu_merit_value_scratch_size(int32_t population, int32_t n, int32_t wave_count,
+                                         int32_t field_count, int32_t operand_count);
+long nuvrix_gpu_trace_grid_scratch_size(int32_t n, int32_t wave_count, int32_t field_count,
+                                        int32_t ray_count);
+
+/* How large a population keeps the device busy with the merit kernel
+ * (multiprocessors x resident blocks of 64 x 64); 0 without a device. */
+int32_t nuvrix_gpu_merit_value_fill_count(void);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -27,12 +27,25 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   long const want = rows < 1 || columns < 1 || cells > LONG_MAX / 8 ? 0 : cells * 8;
   if (nuvrix_gpu_glass_catalog_bytes(rows, columns) != want) broken("catalogue bytes");
 
+  // Scratch sizes: never negative, 0 for a count out of range, and a grid
+  // that grows with its rays.
+  int32_t const p = in.i32(), n = in.i32(), w = in.i32(), f = in.i32(), o = in.i32();
+  long const merit = nuvrix_gpu_merit_value_scratch_size(p, n, w, f, o);
+  if (merit < 0 || ((p < 1 || n < 1 || w < 1 || f < 1 || o < 1) && merit != 0)) broken("merit scratch");
+  long const grid = nuvrix_gpu_trace_grid_scratch_size(n, w, f, o);
+  if (grid < 0 || ((n < 0 || w < 0 || f < 0 || o < 0) && grid != 0)) broken("grid scratch");
+  if (grid > 0 && o < INT_MAX) {
+    long const more = nuvrix_gpu_trace_grid_scratch_size(n, w, f, o + 1);
+    if (more != 0 && more <= grid) broken("grid scratch does not grow with its rays");
+  }
+
   int32_t const status = nuvrix_gpu_init();
   if (status < 0 || status > 4 || nuvrix_gpu_init() != status) broken("set-up status");
   GpuQueryResult const q = nuvrix_gpu_query();
   GpuQueryResult const zero = {};
   if (q.available == 0 && std::memcmp(&q, &zero, sizeof q) != 0) broken("query not zeroed");
   if (q.available == 1 && status != 0) broken("available without a set-up");
+  if (status != 0 && nuvrix_gpu_merit_value_fill_count() != 0) broken("fill count without a device");
 
   int32_t bytes = 0;
   in.count(bytes, 4096);

@@ -485,10 +485,12 @@ void merit_seeds(Lens const& lens) {
 
 }  // namespace
 
-// The GPU family: a catalogue of 3 x 4 and a buffer of 64 bytes; one with
-// counts at the edges of a long.
+// The GPU family: a catalogue of 3 x 4, the scratch of 16 candidates of an
+// 8-surface system (3 wavelengths, 3 fields, 5 operands), a buffer of 64
+// bytes; and counts at the edges of a long.
 void gpu_seeds() {
-  int32_t const cases[2][3] = {{3, 4, 64}, {INT_MAX, INT_MAX, 0}};
+  int32_t const cases[2][8] = {{3, 4, 16, 8, 3, 3, 5, 64},
+                               {INT_MAX, INT_MAX, INT_MAX, INT_MAX, 1, 1, 1, 0}};
   for (int k = 0; k < 2; ++k) {
     Writer w;
     for (int32_t v : cases[k]) w.i32(v);

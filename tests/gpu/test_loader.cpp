@@ -117,11 +117,14 @@ TEST(GpuLoader, SetUpStatusFollowsWhatIsMissing) {
       EXPECT_EQ(q.multiprocessor_count, 132);
       EXPECT_EQ(q.max_threads_per_block, 1024);
       EXPECT_EQ(q.compute_major * 10 + q.compute_minor, 90);
+      // Occupancy of the stand-in: 8 blocks of 64 on each of 132 multiprocessors.
+      EXPECT_EQ(copy.fn<int32_t (*)()>("nuvrix_gpu_merit_value_fill_count")(), 132 * 8 * 64);
       nuvrix::gpu::GpuState& s = copy.state();
       EXPECT_NE(s.merit_value, nullptr);
       EXPECT_EQ(s.trace_grid == nullptr, c.kernels == &no_grid) << c.what;
     } else {
       EXPECT_EQ(q.warp_size, 0);
+      EXPECT_EQ(copy.fn<int32_t (*)()>("nuvrix_gpu_merit_value_fill_count")(), 0);
     }
   }
 }

@@ -1,0 +1,27 @@
+// The host side of the value kernels: the layouts of the device scratch
+// blocks that the caller allocates once, and how large a population keeps
+// the device busy.
+#pragma once
+
+namespace nuvrix {
+namespace gpu {
+
+// Bytes of the scratch block of each value path: its sections follow each
+// other without gaps, the int sections padded to a multiple of 8 bytes.  P
+// is the population, n the surface count, W the wavelength count, F the
+// field count, O the operand count, R the ray count.  0 when a count is
+// below 1 (below 0 for the grid, whose ray and field counts may be 0) or
+// when the size does not fit a long.
+long cuda_efl_value_scratch_size(int population, int n);
+long cuda_ry_value_scratch_size(int population, int n);
+long cuda_merit_value_scratch_size(int population, int n, int wave_count, int field_count,
+                                   int operand_count);
+long cuda_trace_grid_scratch_size(int n, int wave_count, int field_count, int ray_count);
+
+// The population that fills the device with the merit kernel: the
+// multiprocessors times the blocks of 64 threads each can hold, times 64;
+// 0 without a set-up, the kernel, the occupancy query or a context.
+int cuda_merit_value_fill_count();
+
+}  // namespace gpu
+}  // namespace nuvrix
