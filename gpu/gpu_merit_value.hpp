@@ -3,6 +3,8 @@
 // the device busy.
 #pragma once
 
+#include "api/nuvrix.h"
+
 namespace nuvrix {
 namespace gpu {
 
@@ -17,6 +19,19 @@ long cuda_ry_value_scratch_size(int population, int n);
 long cuda_merit_value_scratch_size(int population, int n, int wave_count, int field_count,
                                    int operand_count);
 long cuda_trace_grid_scratch_size(int n, int wave_count, int field_count, int ray_count);
+
+// EFL values of a population: candidate i is the base surfaces with row i
+// of `curvatures` and of `thicknesses` (population rows of n), its glasses
+// from `material_ids` (one a surface, negative for air; the host refuses an
+// id at or beyond catalog_rows with -8) looked up at row wave_index of the
+// device `glass_catalog` (catalog_rows rows of wave_count indices).
+// results[i] is what calculate_efl_abcd gives for it.  The scratch is the
+// caller's device block of cuda_efl_value_scratch_size bytes.  0, or the
+// codes of the GPU family.
+int cuda_run_efl_value(SurfaceData const* surfaces, int n, double const* glass_catalog,
+                       int catalog_rows, int wave_count, int wave_index, int const* material_ids,
+                       double const* curvatures, double const* thicknesses, double* results,
+                       int population, void* scratch, long scratch_bytes);
 
 // The population that fills the device with the merit kernel: the
 // multiprocessors times the blocks of 64 threads each can hold, times 64;

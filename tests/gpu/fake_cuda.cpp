@@ -1,7 +1,10 @@
 // A stand-in for the CUDA driver, for the loader's tests on machines
 // without a GPU: the 24 entry points with the driver's signatures, device
 // memory in host memory, and a module whose "image" is the list of kernel
-// names it holds, one a line.  The environment variable FAKE_CUDA picks a
+// names it holds, one a line.  A launch runs the kernel's body on the host,
+// thread by thread of the grid it was given: the smoke kernel written out
+// here, the value kernels through the same body functions that the side
+// file's kernels call.  The environment variable FAKE_CUDA picks a
 // failure: "nodevice", "noctx", "allocfail", "launchfail", "syncfail";
 // anything else works.  Only the test's fake reads the environment; the
 // engine never does.
@@ -10,6 +13,8 @@
 #include <cstring>
 #include <list>
 #include <string>
+
+#include "kernels/value_bodies.cuh"
 
 namespace {
 
@@ -31,6 +36,13 @@ struct Function {
 // Modules and functions live until the process ends, as the driver's do.
 std::list<Module> g_modules;
 std::list<Function> g_functions;
+
+// Kernel parameters as the launch hands them: the address of each value.
+template <typename T>
+T* device(void** params, int k) {
+  return reinterpret_cast<T*>(*static_cast<unsigned long long*>(params[k]));
+}
+int integer(void** params, int k) { return *static_cast<int*>(params[k]); }
 
 }  // namespace
 
@@ -111,25 +123,36 @@ CUresult cuMemsetD8_v2(unsigned long long d, unsigned char v, size_t bytes) {
   std::memset(reinterpret_cast<void*>(d), v, bytes);
   return 0;
 }
-// The smoke kernel run on the host, thread by thread of the launch shape.
+
 CUresult cuLaunchKernel(void* f, unsigned gx, unsigned gy, unsigned gz, unsigned bx, unsigned by,
                         unsigned bz, unsigned shared, void*, void** params, void** extra) {
   if (mode("launchfail")) return 700;
-  if (static_cast<Function*>(f)->name != "nuvrix_smoke_kernel" || gy != 1 || gz != 1 ||
-      by != 1 || bz != 1 || shared != 0 || extra != nullptr) {
-    return 1;
+  if (gy != 1 || gz != 1 || by != 1 || bz != 1 || shared != 0 || extra != nullptr) return 1;
+  std::string const& name = static_cast<Function*>(f)->name;
+  int const threads = static_cast<int>(gx * bx);
+  if (name == "nuvrix_smoke_kernel") {
+    int const count = integer(params, 5);
+    double *a = device<double>(params, 0), *b = device<double>(params, 1);
+    for (int i = 0; i < threads && i < count; ++i) {
+      double const x = a[i], y = b[i];
+      device<double>(params, 2)[i] = x + y;
+      device<double>(params, 3)[i] = x * y;
+      device<double>(params, 4)[i] = std::sqrt(x * x + y * y);
+    }
+    return 0;
   }
-  auto ptr = [&](int k) { return *static_cast<double**>(params[k]); };
-  int const count = *static_cast<int*>(params[5]);
-  for (unsigned t = 0; t < gx * bx; ++t) {
-    int const i = static_cast<int>(t);
-    if (i >= count) continue;
-    double const x = ptr(0)[i], y = ptr(1)[i];
-    ptr(2)[i] = x + y;
-    ptr(3)[i] = x * y;
-    ptr(4)[i] = std::sqrt(x * x + y * y);
+  if (name == "nuvrix_efl_value_kernel") {
+    if (bx != 256) return 1;
+    for (int i = 0; i < threads; ++i) {
+      nuvrix::kernels::efl_value_body(
+          i, device<SurfaceData const>(params, 0), device<double const>(params, 1),
+          device<int const>(params, 2), integer(params, 3), integer(params, 4),
+          device<double const>(params, 5), device<double const>(params, 6),
+          device<double>(params, 7), integer(params, 8), integer(params, 9));
+    }
+    return 0;
   }
-  return 0;
+  return 1;  // a kernel the stand-in cannot run
 }
 CUresult cuStreamSynchronize(void*) { return 0; }
 CUresult cuGetErrorName(CUresult code, char const** name) {

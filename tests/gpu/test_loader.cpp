@@ -16,6 +16,7 @@
 
 #include "api/nuvrix.h"
 #include "gpu/cuda_loader.hpp"
+#include "tests/systems.hpp"
 
 #ifndef NUVRIX_LIBRARY_FILE
 #error "NUVRIX_LIBRARY_FILE names the built library"
@@ -185,4 +186,68 @@ TEST(GpuLoader, DriverFailuresBecomeCodes) {
     EXPECT_EQ(std::string(name(c.cu_error)), "CUDA_ERROR_FAKE_" + std::to_string(c.cu_error));
     EXPECT_EQ(outstanding(), 0) << c.mode;
   }
+}
+
+// The EFL population: each candidate's value, from the kernel body that the
+// stand-in runs, equals the CPU's focal length of that candidate.
+TEST(GpuLoader, EflPopulationMatchesTheCpu) {
+  std::vector<std::string> const all = all_kernels();
+  Copy copy("", &all);
+  ASSERT_EQ(copy.init(), 0);
+  nuvrix_test::System const base = nuvrix_test::cooke_triplet();
+  int const n = base.count(), waves = 3, population = 300;  // two blocks of 256
+  // Two glasses at three wavelengths; air behind the other surfaces.
+  std::vector<double> const catalog = {1.6262, 1.6204, 1.6180, 1.6321, 1.6200, 1.6150};
+  std::vector<int> ids = {-1, 0, -1, 1, -1, 0, -1, -1};
+  std::vector<double> curv(static_cast<size_t>(n) * population), thick(curv.size());
+  for (int i = 0; i < population; ++i) {
+    for (int k = 0; k < n; ++k) {
+      curv[i * n + k] = base.surfaces[k].curvature * (1.0 + 1e-3 * ((i * 7 + k) % 11 - 5));
+      thick[i * n + k] = base.surfaces[k].thickness;
+    }
+  }
+  auto alloc = copy.fn<int32_t (*)(long, void**)>("nuvrix_gpu_alloc_device");
+  auto htod = copy.fn<int32_t (*)(void*, void const*, long)>("nuvrix_gpu_htod_device");
+  auto release = copy.fn<int32_t (*)(void*)>("nuvrix_gpu_free_device");
+  auto size = copy.fn<long (*)(int, int)>("_ZN6nuvrix3gpu27cuda_efl_value_scratch_sizeEii");
+  using Run = int (*)(SurfaceData const*, int, double const*, int, int, int, int const*,
+                      double const*, double const*, double*, int, void*, long);
+  Run const run = copy.fn<Run>("_ZN6nuvrix3gpu18cuda_run_efl_valueEPK11SurfaceDataiPKdiiiPKiS5_S5_PdiPvl");
+  auto efl = copy.fn<double (*)(SurfaceData const*, int32_t, double const*)>("nuvrix_calculate_efl");
+  void *d_catalog = nullptr, *scratch = nullptr;
+  long const bytes = size(population, n);
+  ASSERT_EQ(alloc(8 * static_cast<long>(catalog.size()), &d_catalog), 0);
+  ASSERT_EQ(htod(d_catalog, catalog.data(), 8 * static_cast<long>(catalog.size())), 0);
+  ASSERT_EQ(alloc(bytes, &scratch), 0);
+  auto const* cat = static_cast<double const*>(d_catalog);
+  std::vector<double> results(population, -1.0);
+  for (int w : {0, 2}) {
+    ASSERT_EQ(run(base.surfaces.data(), n, cat, 2, waves, w, ids.data(), curv.data(),
+                  thick.data(), results.data(), population, scratch, bytes),
+              0);
+    for (int i = 0; i < population; ++i) {
+      std::vector<SurfaceData> s = base.surfaces;
+      std::vector<double> row(n, 1.0);
+      for (int k = 0; k < n; ++k) {
+        s[k].curvature = curv[i * n + k];
+        if (ids[k] >= 0) row[k] = catalog[ids[k] * waves + w];
+      }
+      ASSERT_EQ(results[i], efl(s.data(), n, row.data())) << i;
+    }
+  }
+  // The checks in their order: sizes, an empty population, pointers and
+  // scratch, a glass beyond the catalogue.
+  double* out = results.data();
+  EXPECT_EQ(run(base.surfaces.data(), n, cat, 2, waves, 3, ids.data(), curv.data(), thick.data(),
+                out, population, scratch, bytes), -8);
+  EXPECT_EQ(run(base.surfaces.data(), n, cat, 2, waves, 0, ids.data(), curv.data(), thick.data(),
+                out, 0, nullptr, 0), 0);
+  EXPECT_EQ(run(base.surfaces.data(), n, cat, 2, waves, 0, ids.data(), curv.data(), thick.data(),
+                out, population, scratch, bytes - 1), -3);
+  ids[3] = 2;
+  EXPECT_EQ(run(base.surfaces.data(), n, cat, 2, waves, 0, ids.data(), curv.data(), thick.data(),
+                out, population, scratch, bytes), -8);
+  EXPECT_EQ(release(scratch), 0);
+  EXPECT_EQ(release(d_catalog), 0);
+  EXPECT_EQ(outstanding(), 0);
 }

@@ -1,0 +1,5 @@
+// The side file nuvrix_kernel.fatbin is built from this one translation
+// unit (a fat binary comes from one source): each kernel family stands in
+// its own file, included here.
+#include "kernels/smoke.cu"
+#include "kernels/value.cu"

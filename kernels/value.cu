@@ -1,0 +1,13 @@
+// The value kernels of the side file: one thread a candidate.
+#include "kernels/value_bodies.cuh"
+
+extern "C" __global__ void nuvrix_efl_value_kernel(SurfaceData const* surfaces,
+                                                   double const* catalog,
+                                                   int const* material_ids, int wave_count,
+                                                   int wave_index, double const* curvatures,
+                                                   double const* thicknesses, double* results,
+                                                   int n, int population) {
+  int const i = blockIdx.x * blockDim.x + threadIdx.x;
+  nuvrix::kernels::efl_value_body(i, surfaces, catalog, material_ids, wave_count, wave_index,
+                                  curvatures, thicknesses, results, n, population);
+}
