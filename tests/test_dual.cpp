@@ -97,28 +97,3 @@ TEST(Dual, ParaxialTemplatesDifferentiateTheirPlainInstances) {
     EXPECT_NEAR(got.d[1], (up_t - down_t) / (2 * ht), 1e-6 * std::fabs(got.d[1]) + 1e-9);
   }
 }
-
-// The closure of an OPD ray onto the reference sphere over dual numbers:
-// its slot by the ray's end height against a central difference.
-TEST(Dual, ExitPupilClosureDifferentiatesItsPlainInstance) {
-  using nuvrix::detail::ExitPupilRay;
-  auto closure = [](double y, double& K) {
-    ExitPupilRay<double> const ref = {0.0, 0.0, 0.0, 0.0, 0.0, 1.0, 0.0};
-    ExitPupilRay<double> const ray = {0.2, y, 0.01, 0.05, -0.1, std::sqrt(1 - 0.0125), 0.0};
-    return nuvrix::compute_exit_pupil_waves_t<double>(ref, ray, 50.0, -0.02, false, false, false,
-                                                      1.0, 0.55, K);
-  };
-  ExitPupilRay<D> const ref = {D(0.0), D(0.0), D(0.0), D(0.0), D(0.0), D(1.0), D(0.0)};
-  ExitPupilRay<D> const ray = {D(0.2), make_variable<10>(0.3, 5), D(0.01), D(0.05), D(-0.1),
-                               D(std::sqrt(1 - 0.0125)), D(0.0)};
-  D K;
-  ASSERT_TRUE(nuvrix::compute_exit_pupil_waves_t<D>(ref, ray, D(50.0), D(-0.02), false, false,
-                                                    false, 1.0, 0.55, K));
-  double plain = 0.0, up = 0.0, down = 0.0, h = 1e-6;
-  closure(0.3, plain);
-  closure(0.3 + h, up);
-  closure(0.3 - h, down);
-  EXPECT_NEAR(K.value, plain, 1e-12 * std::fabs(plain));
-  EXPECT_NEAR(K.d[5], (up - down) / (2 * h), 1e-6 * std::fabs(K.d[5]));
-  EXPECT_GT(std::fabs(K.d[5]), 1.0);
-}

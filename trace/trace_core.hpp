@@ -77,18 +77,20 @@ NUVRIX_HD double rt_aperture_limit(SurfaceData const& s) {
 // the point where the incoming ray crosses the axis (s = r / u) onto the
 // point where the outgoing ray crosses it (s' = -r / u'), and removes the
 // excess of the oblique paths over the axial ones so that the two points are
-// joined by equal optical paths, as a perfect lens requires.
-NUVRIX_HD double rt_thin_lens_path(double r, double r2, double u, double up, double n1,
-                                   double n2) {
-  double object_term = 0.0, image_term = 0.0;
-  if (fabs(u) > kFlatSlope) {
-    double const s = r / u;
-    double const sign = s < 0.0 ? -1.0 : 1.0;
+// joined by equal optical paths, as a perfect lens requires.  Over any
+// scalar: the plain trace and trace_ray_t share it.
+template <typename T, typename U>
+NUVRIX_HD T thin_lens_path_t(T const& r, T const& r2, T const& u, T const& up, U const& n1,
+                             U const& n2) {
+  T object_term = T(0.0), image_term = T(0.0);
+  if (fabs(val(u)) > kFlatSlope) {
+    T const s = r / u;
+    double const sign = val(s) < 0.0 ? -1.0 : 1.0;
     object_term = -sign * n1 * (sqrt(fma(s, s, r2)) - fabs(s));
   }
-  if (fabs(up) > kFlatSlope) {
-    double const sp = -r / up;
-    double const sign = sp < 0.0 ? -1.0 : 1.0;
+  if (fabs(val(up)) > kFlatSlope) {
+    T const sp = -r / up;
+    double const sign = val(sp) < 0.0 ? -1.0 : 1.0;
     image_term = -sign * n2 * (sqrt(fma(sp, sp, r2)) - fabs(sp));
   }
   return object_term + image_term;
@@ -116,7 +118,7 @@ NUVRIX_HD_RARE bool rt_paraxial_lens(RayStateT<double>& ray, double n1, double n
     set_direction_from_tangents_t(ray, txp, typ);
   }
   double const up = fma(ray.y, typ, ray.x * txp) / r;
-  extra = rt_thin_lens_path(r, r2, u, up, n1, n2);
+  extra = thin_lens_path_t<double, double>(r, r2, u, up, n1, n2);
   return true;
 }
 

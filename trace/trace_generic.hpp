@@ -118,25 +118,6 @@ NUVRIX_HD bool generic_intersect_t(RayStateT<T>& ray, int type, T const& c, T co
   return false;
 }
 
-// Path correction of an ideal thin lens off its axis (see rt_thin_lens_path):
-// the excess of the oblique object and image paths over the axial ones.
-template <typename T, typename U>
-NUVRIX_HD T generic_thin_lens_path_t(T const& r, T const& r2, T const& u, T const& up, U const& n1,
-                                     U const& n2) {
-  T object_term = T(0.0), image_term = T(0.0);
-  if (fabs(val(u)) > kFlatSlope) {
-    T const s = r / u;
-    double const sign = val(s) < 0.0 ? -1.0 : 1.0;
-    object_term = -sign * n1 * (sqrt(fma(s, s, r2)) - fabs(s));
-  }
-  if (fabs(val(up)) > kFlatSlope) {
-    T const sp = -r / up;
-    double const sign = val(sp) < 0.0 ? -1.0 : 1.0;
-    image_term = -sign * n2 * (sqrt(fma(sp, sp, r2)) - fabs(sp));
-  }
-  return object_term + image_term;
-}
-
 // The paraxial lens: the direction change and, off the axis, the path
 // correction added to opl.  The steps of rt_paraxial_lens over T.
 template <typename T, typename U>
@@ -158,7 +139,7 @@ NUVRIX_HD void generic_paraxial_lens_t(RayStateT<T>& ray, U const& n1, U const& 
     set_direction_from_tangents_t(ray, txp, typ);
   }
   T const up = fma(ray.y, typ, ray.x * txp) / r;
-  ray.opl = ray.opl + generic_thin_lens_path_t(r, r2, u, up, n1, n2);
+  ray.opl = ray.opl + thin_lens_path_t(r, r2, u, up, n1, n2);
 }
 
 // The state a failed trace returns: the ray where it failed, with the
