@@ -131,6 +131,36 @@ TEST(Abi, FieldOffsetsFollowNaturalAlignment) {
   NUVRIX_EXPECT_AT(MeritBatchedConfig, thread_count, 8);
   NUVRIX_EXPECT_AT(MeritBatchedConfig, want_jacobian, 12);
   NUVRIX_EXPECT_AT(MeritBatchedConfig, reserved, 16);
+
+  // The analysis records, with their sizes.
+  NUVRIX_EXPECT_AT(SpotDiagramResult, field_index, 68);
+  NUVRIX_EXPECT_AT(RayFanResultHeader, max_abs_value, 8);
+  NUVRIX_EXPECT_AT(OpdFanPoint, value, 8);
+  NUVRIX_EXPECT_AT(OpdFanPoint, wavelength_index, 16);
+  NUVRIX_EXPECT_AT(OpdFanPoint, valid, 20);
+  NUVRIX_EXPECT_AT(OpdFanResultHeader, max_abs_value, 8);
+  NUVRIX_EXPECT_AT(OpdFanResultHeader, tangential_count, 16);
+  NUVRIX_EXPECT_AT(OpdFanResultHeader, sagittal_count, 20);
+  NUVRIX_EXPECT_AT(FftPsfResult, peak, 8);
+  NUVRIX_EXPECT_AT(FftPsfResult, pixel_pitch, 24);
+  NUVRIX_EXPECT_AT(FftPsfResult, field_index, 32);
+  NUVRIX_EXPECT_AT(FftPsfResult, reserved, 36);
+  NUVRIX_EXPECT_AT(FftMtfResult, point_count, 8);
+  NUVRIX_EXPECT_AT(FftMtfResult, max_frequency, 16);
+  NUVRIX_EXPECT_AT(MtfVsFieldResult, frequency_count, 4);
+  NUVRIX_EXPECT_AT(ZernikeResult, coefficients, 8);
+  NUVRIX_EXPECT_AT(ZernikeResult, wavefront_rms, 8 + 37 * 8);
+  NUVRIX_EXPECT_AT(ZernikeResult, wavefront_pv, 312);
+  NUVRIX_EXPECT_AT(ZernikeResult, residual_rms, 320);
+  NUVRIX_EXPECT_AT(ZernikeResult, field_index, 328);
+  size_t const sizes[][2] = {
+      {sizeof(SpotRayHit), 24},          {sizeof(SpotDiagramResult), 72},
+      {sizeof(RayFanPoint), 24},         {sizeof(PupilAberrationPoint), 24},
+      {sizeof(RayFanResultHeader), 24},  {sizeof(PupilAberrationResultHeader), 24},
+      {sizeof(OpdFanPoint) + sizeof(OpdFanResultHeader), 48},
+      {sizeof(FftPsfResult), 40},        {sizeof(FftMtfPoint), 24},
+      {sizeof(MtfVsFieldPoint), 24},     {sizeof(ZernikeResult), 336}};
+  for (auto const& s : sizes) EXPECT_EQ(s[0], s[1]);
 #undef NUVRIX_EXPECT_AT
   // The code words are unsigned 32-bit integers, the rest signed.
   EXPECT_TRUE((std::is_same<decltype(MeritOperandDesc::type), uint32_t>::value));

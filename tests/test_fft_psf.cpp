@@ -122,19 +122,6 @@ TEST(FftPsf, ResultDoesNotDependOnTheThreadCount) {
   EXPECT_EQ(one.psf, three.psf);
 }
 
-TEST(FftPsf, RecordsKeepTheirFieldOrderAndWidths) {
-  EXPECT_EQ(offsetof(FftPsfResult, peak), 8u);
-  EXPECT_EQ(offsetof(FftPsfResult, pixel_pitch), 24u);
-  EXPECT_EQ(offsetof(FftPsfResult, field_index), 32u);
-  EXPECT_EQ(offsetof(FftPsfResult, reserved), 36u);
-  EXPECT_EQ(sizeof(FftPsfResult), 40u);
-  EXPECT_EQ(sizeof(FftMtfPoint), 24u);
-  EXPECT_EQ(offsetof(FftMtfResult, point_count), 8u);
-  EXPECT_EQ(offsetof(FftMtfResult, max_frequency), 16u);
-  EXPECT_EQ(sizeof(MtfVsFieldPoint), 24u);
-  EXPECT_EQ(offsetof(MtfVsFieldResult, frequency_count), 4u);
-}
-
 TEST(FftPsf, ParaboloidOnAxisIsPerfectThroughTheExport) {
   nuvrix_test::System const sys = opd_test::paraboloid(100.0, 0.0);
   SystemConfig const cfg = opd_test::pupil_at_first_surface(10.0);

@@ -157,12 +157,3 @@ TEST(OpdFan, FailedRaysAndStatusesSkipWhatTheyMust) {
               none.header.tangential_count == 0 && none.header.sagittal_count == 0);
 }
 
-TEST(OpdFan, RecordsKeepTheirFieldOrderWithNaturalAlignment) {
-  EXPECT_EQ(offsetof(OpdFanPoint, value), 8u);
-  EXPECT_EQ(offsetof(OpdFanPoint, wavelength_index), 16u);
-  EXPECT_EQ(offsetof(OpdFanPoint, valid), 20u);
-  EXPECT_EQ(offsetof(OpdFanResultHeader, max_abs_value), 8u);
-  EXPECT_EQ(offsetof(OpdFanResultHeader, tangential_count), 16u);
-  EXPECT_EQ(offsetof(OpdFanResultHeader, sagittal_count), 20u);
-  EXPECT_EQ(sizeof(OpdFanPoint) + sizeof(OpdFanResultHeader), 48u);
-}

@@ -20,17 +20,6 @@ double hexapolar_mean_rho2(int N) { return 1.5 * (N + 1) * (N + 1) / (1.0 + 3.0 
 
 }  // namespace
 
-TEST(SpotRecords, LayoutIsFixed) {
-  EXPECT_EQ(sizeof(SpotRayHit), 24u);
-  EXPECT_EQ(sizeof(SpotDiagramResult), 72u);
-  EXPECT_EQ(offsetof(SpotDiagramResult, field_index), 68u);
-  EXPECT_EQ(sizeof(RayFanPoint), 24u);
-  EXPECT_EQ(sizeof(PupilAberrationPoint), 24u);
-  EXPECT_EQ(offsetof(RayFanResultHeader, max_abs_value), 8u);
-  EXPECT_EQ(sizeof(RayFanResultHeader), 24u);
-  EXPECT_EQ(sizeof(PupilAberrationResultHeader), 24u);
-}
-
 TEST(SpotDiagram, ParaboloidImagesAxialPointToRounding) {
   Host const h(parabolic_mirror(100.0), 1, 40.0, 1, {0.0});
   SpotDiagramResult r;

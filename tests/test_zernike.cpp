@@ -291,12 +291,3 @@ TEST(ZernikeFull, StatusesOfTheMapAndOfTheFit) {
   EXPECT_GT(small.r.wavefront_pv, 0.0);
 }
 
-// The record crosses the C boundary: natural alignment, no hidden padding.
-TEST(ZernikeFull, RecordFollowsNaturalAlignment) {
-  EXPECT_EQ(offsetof(ZernikeResult, coefficients), 8u);
-  EXPECT_EQ(offsetof(ZernikeResult, wavefront_rms), 8u + 37 * 8);
-  EXPECT_EQ(offsetof(ZernikeResult, wavefront_pv), 312u);
-  EXPECT_EQ(offsetof(ZernikeResult, residual_rms), 320u);
-  EXPECT_EQ(offsetof(ZernikeResult, field_index), 328u);
-  EXPECT_EQ(sizeof(ZernikeResult), 336u);
-}
