@@ -529,6 +529,38 @@ long nuvrix_gpu_trace_grid_scratch_size(int32_t n, int32_t wave_count, int32_t f
   return nuvrix::gpu::cuda_trace_grid_scratch_size(n, wave_count, field_count, ray_count);
 }
 
+int32_t nuvrix_gpu_run_merit_value(const SurfaceData* surfaces, int32_t n,
+                                   const double* glass_catalog, int32_t catalog_rows,
+                                   int32_t wave_count, const int32_t* material_ids,
+                                   const double* wavelengths, const SystemConfig* config,
+                                   const FieldData* fields, int32_t field_count,
+                                   const MeritOperandDesc* operands, int32_t operand_count,
+                                   const double* curvatures, const double* thicknesses,
+                                   const double* conics, double* merit_values,
+                                   int32_t population, void* scratch, long scratch_bytes,
+                                   int32_t reuse_uploads) {
+  return nuvrix::gpu::cuda_run_merit_value(
+      surfaces, n, glass_catalog, catalog_rows, wave_count, material_ids, wavelengths, config,
+      fields, field_count, operands, operand_count, curvatures, thicknesses, conics,
+      merit_values, population, scratch, scratch_bytes, nullptr, reuse_uploads, 0, 0);
+}
+
+int32_t nuvrix_gpu_run_merit_value_f32(const SurfaceData* surfaces, int32_t n,
+                                       const double* glass_catalog, int32_t catalog_rows,
+                                       int32_t wave_count, const int32_t* material_ids,
+                                       const double* wavelengths, const SystemConfig* config,
+                                       const FieldData* fields, int32_t field_count,
+                                       const MeritOperandDesc* operands, int32_t operand_count,
+                                       const double* curvatures, const double* thicknesses,
+                                       const double* conics, double* merit_values,
+                                       int32_t population, void* scratch, long scratch_bytes,
+                                       int32_t reuse_uploads) {
+  return nuvrix::gpu::cuda_run_merit_value(
+      surfaces, n, glass_catalog, catalog_rows, wave_count, material_ids, wavelengths, config,
+      fields, field_count, operands, operand_count, curvatures, thicknesses, conics,
+      merit_values, population, scratch, scratch_bytes, nullptr, reuse_uploads, 1, 0);
+}
+
 int32_t nuvrix_gpu_merit_value_fill_count(void) {
   return nuvrix::gpu::cuda_merit_value_fill_count();
 }

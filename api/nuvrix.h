@@ -1082,6 +1082,51 @@ long nuvrix_gpu_merit_value_scratch_size(int32_t population, int32_t n, int32_t 
 long nuvrix_gpu_trace_grid_scratch_size(int32_t n, int32_t wave_count, int32_t field_count,
                                         int32_t ray_count);
 
+/* Merit values of a population of candidate systems in one launch.  The
+ * candidate i is the base system (surfaces, wavelengths, config, fields,
+ * operands) with its own curvature, thickness and conic on every surface:
+ * row i of curvatures, thicknesses and conics (population rows of n
+ * doubles), and its own glass behind every surface: row i of material_ids
+ * (population rows of n ints).  A material id g >= 0 takes the indices of
+ * row g of the device glass catalogue, which holds catalog_rows rows of
+ * wave_count doubles, the index of glass g at wavelength row w at
+ * catalog[g * wave_count + w] (nuvrix_gpu_glass_catalog_bytes(catalog_rows,
+ * wave_count) bytes, uploaded by the host); a negative id is air, of index
+ * 1.  Every index of a candidate comes from the catalogue.  merit_values[i]
+ * is the merit that nuvrix_evaluate_merit gives for candidate i.  The
+ * scratch is a device block of nuvrix_gpu_merit_value_scratch_size bytes.
+ * With reuse_uploads nonzero the base system is taken as the last call on
+ * the same scratch left it: clear it whenever the base system changed.
+ * Status: -8 for a count below 1 or an id at or beyond catalog_rows, 0 at
+ * once for a population below 1, -3 for a null array or a short scratch,
+ * and the device codes above.
+ *
+ * The _f32 form trades precision of the population for bus bandwidth: the
+ * three parameter rows travel as floats (half the bytes of every call) and
+ * each candidate is evaluated in double on those rounded parameters, so its
+ * merit is that of the candidate rounded to float.  Without that kernel in
+ * the side file it runs the plain one. */
+int32_t nuvrix_gpu_run_merit_value(const SurfaceData* surfaces, int32_t n,
+                                   const double* glass_catalog, int32_t catalog_rows,
+                                   int32_t wave_count, const int32_t* material_ids,
+                                   const double* wavelengths, const SystemConfig* config,
+                                   const FieldData* fields, int32_t field_count,
+                                   const MeritOperandDesc* operands, int32_t operand_count,
+                                   const double* curvatures, const double* thicknesses,
+                                   const double* conics, double* merit_values,
+                                   int32_t population, void* scratch, long scratch_bytes,
+                                   int32_t reuse_uploads);
+int32_t nuvrix_gpu_run_merit_value_f32(const SurfaceData* surfaces, int32_t n,
+                                       const double* glass_catalog, int32_t catalog_rows,
+                                       int32_t wave_count, const int32_t* material_ids,
+                                       const double* wavelengths, const SystemConfig* config,
+                                       const FieldData* fields, int32_t field_count,
+                                       const MeritOperandDesc* operands, int32_t operand_count,
+                                       const double* curvatures, const double* thicknesses,
+                                       const double* conics, double* merit_values,
+                                       int32_t population, void* scratch, long scratch_bytes,
+                                       int32_t reuse_uploads);
+
 /* How large a population keeps the device busy with the merit kernel
  * (multiprocessors x resident blocks of 64 x 64); 0 without a device. */
 int32_t nuvrix_gpu_merit_value_fill_count(void);

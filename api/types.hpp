@@ -18,15 +18,25 @@
 
 // A routine of the core that a hot loop reaches only rarely (an uncommon
 // surface type, a failure).  The host compiler keeps it out of line, so that
-// the register allocation of the loop serves the common path; the device
-// compiler inlines as it sees fit.  NUVRIX_HD_COLD also marks the calls as
-// unlikely.
+// the register allocation of the loop serves the common path, and so does
+// the device compiler.  NUVRIX_HD_COLD also marks the calls as unlikely.
 #if defined(__CUDACC__)
-#define NUVRIX_HD_RARE NUVRIX_HD
-#define NUVRIX_HD_COLD NUVRIX_HD
+#define NUVRIX_HD_RARE __host__ __device__ __noinline__ inline
+#define NUVRIX_HD_COLD __host__ __device__ __noinline__ inline
 #else
 #define NUVRIX_HD_RARE __attribute__((noinline)) inline
 #define NUVRIX_HD_COLD __attribute__((noinline, cold)) inline
+#endif
+
+// A large routine that many places call: a trace front end, an aim, an
+// operand family.  The device compiler keeps one body of it and calls it,
+// where inlining every call would make a kernel that runs the whole merit
+// function too large for the assembler to finish in reasonable time; the
+// host compiler decides as for any inline function.
+#if defined(__CUDACC__)
+#define NUVRIX_HD_CALL __host__ __device__ __noinline__ inline
+#else
+#define NUVRIX_HD_CALL inline
 #endif
 
 // A routine over dual numbers whose steps the host compiler should see as

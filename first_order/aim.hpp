@@ -94,7 +94,7 @@ NUVRIX_HD AimSecantResult ra_secant_exit(double bx, double by, double best_err) 
 
 // The secant core.  Stage A looks for a start whose ray reaches the stop;
 // stage B iterates the decoupled secants with step halving.
-NUVRIX_HD AimSecantResult ra_run_secant(SurfaceData const* surfaces, int n, double const* indices,
+NUVRIX_HD_CALL AimSecantResult ra_run_secant(SurfaceData const* surfaces, int n, double const* indices,
                                         double x, double y, double l, double m, double n_dir,
                                         double tx, double ty, double px, double py,
                                         int stop_surface, int recover, double first_semi_diameter,
@@ -185,7 +185,7 @@ NUVRIX_HD AimSecantResult ra_run_secant(SurfaceData const* surfaces, int n, doub
 // Height at which a ray of the given direction passes through the centre of
 // the stop, found without any knowledge of the system: a coarse scan in y
 // over widening half-widths, then a secant on the height at the stop.
-NUVRIX_HD ChiefRayStart ra_find_chief_ray_robust(SurfaceData const* surfaces, int n,
+NUVRIX_HD_CALL ChiefRayStart ra_find_chief_ray_robust(SurfaceData const* surfaces, int n,
                                                  double const* indices, double l, double m,
                                                  double n_dir, double stop_radius,
                                                  int stop_surface) {
@@ -266,7 +266,7 @@ NUVRIX_HD ChiefRayStart ra_find_chief_ray_robust(SurfaceData const* surfaces, in
 // of the stop, starting the search at (x, y) on the tangent plane of
 // surface 1.  With `recover` (aiming mode 2) a failed first search goes on
 // through a ladder of other starts, including the wide-angle chief ray.
-NUVRIX_HD AimToStopResult aim_to_stop(SurfaceData const* surfaces, int n, double const* indices,
+NUVRIX_HD_CALL AimToStopResult aim_to_stop(SurfaceData const* surfaces, int n, double const* indices,
                                       double x, double y, double l, double m, double n_dir,
                                       double px, double py, double stop_radius, int stop_surface,
                                       int recover) {

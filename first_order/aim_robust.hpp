@@ -75,7 +75,7 @@ NUVRIX_HD bool ra_finite_direction(double x0, double y0, double X, double Y, dou
 
 // Aims a backward-travelling ray from an object at infinity: (x, y) is its
 // crossing point on surface 1 itself; secants at full step, no halving.
-NUVRIX_HD AimToStopResult aim_to_stop_robust(SurfaceData const* surfaces, int n,
+NUVRIX_HD_CALL AimToStopResult aim_to_stop_robust(SurfaceData const* surfaces, int n,
                                              double const* indices, double x, double y, double l,
                                              double m, double n_dir, double px, double py,
                                              double stop_radius, int stop_surface) {
@@ -155,7 +155,7 @@ NUVRIX_HD AimToStopResult aim_to_stop_robust(SurfaceData const* surfaces, int n,
 
 // Aims a ray from the finite object point (x0, y0) through a point (X, Y) of
 // the plane z_aim, starting from (x_aim, y_aim).
-NUVRIX_HD AimFiniteResult aim_to_stop_finite(SurfaceData const* surfaces, int n,
+NUVRIX_HD_CALL AimFiniteResult aim_to_stop_finite(SurfaceData const* surfaces, int n,
                                              double const* indices, double x0, double y0,
                                              double x_aim, double y_aim, double z_aim, double px,
                                              double py, double stop_radius, int stop_surface) {
@@ -244,7 +244,7 @@ NUVRIX_HD AimFiniteResult aim_to_stop_finite(SurfaceData const* surfaces, int n,
 // Radius of the stop that the marginal ray really fills: a real ray parallel
 // to the axis at the pupil radius, or the paraxial marginal height at the
 // stop when that ray does not get through.
-NUVRIX_HD double aim_stop_radius(SurfaceData const* surfaces, int n, double const* indices,
+NUVRIX_HD_CALL double aim_stop_radius(SurfaceData const* surfaces, int n, double const* indices,
                                  SystemConfig const* config, double pupil_radius) {
   int const stop = config->stop_surface;
   RayTraceResult const real = detail::rt_trace_impl(surfaces, n, indices, 0.0, pupil_radius, 0.0, 0.0,

@@ -118,7 +118,7 @@ NUVRIX_HD bool paraxial_height_at_row(SurfaceData const* surfaces, int n, double
 
 // Position of the entrance pupil measured from surface 1; 0 when the stop
 // is the first surface or the object space is telecentric.
-NUVRIX_HD double compute_entrance_pupil_position(SurfaceData const* surfaces, int n,
+NUVRIX_HD_CALL double compute_entrance_pupil_position(SurfaceData const* surfaces, int n,
                                                  double const* indices, int stop_surface) {
   return detail::entrance_pupil_core<double, double>(detail::RecordGeometry{surfaces}, indices,
                                                      surfaces, n, stop_surface);
@@ -205,7 +205,7 @@ NUVRIX_HD double paraxial_chief_slope(SystemConfig const& config, FieldData cons
 
 // Rows of the paraxial chief ray: launched with the slope of the largest
 // field, at the height that passes through the centre of the stop.
-NUVRIX_HD void trace_chief_ray(SurfaceData const* surfaces, int n, double const* indices,
+NUVRIX_HD_CALL void trace_chief_ray(SurfaceData const* surfaces, int n, double const* indices,
                                SystemConfig const* config, FieldData const* fields,
                                int field_count, ParaxialRayState* rows) {
   double const u_c = detail::paraxial_chief_slope(*config, fields, field_count);
@@ -230,7 +230,7 @@ NUVRIX_HD void trace_chief_ray(SurfaceData const* surfaces, int n, double const*
 }
 
 // The first-order description of the system.  Row arrays may be null.
-NUVRIX_HD ParaxialSolveResult paraxial_solve(SurfaceData const* surfaces, int n,
+NUVRIX_HD_CALL ParaxialSolveResult paraxial_solve(SurfaceData const* surfaces, int n,
                                              double const* indices, SystemConfig const* config,
                                              FieldData const* fields, int field_count,
                                              ParaxialRayState* marginal_rows,
@@ -306,7 +306,7 @@ NUVRIX_HD ParaxialSolveResult paraxial_solve(SurfaceData const* surfaces, int n,
 }
 
 // The exit pupil position of a full solve, its rows discarded.
-NUVRIX_HD double compute_exit_pupil_position(SurfaceData const* surfaces, int n,
+NUVRIX_HD_CALL double compute_exit_pupil_position(SurfaceData const* surfaces, int n,
                                              double const* indices, SystemConfig const* config,
                                              FieldData const* fields, int field_count) {
   ParaxialRayState marginal[kMaxSurfaces], chief[kMaxSurfaces];

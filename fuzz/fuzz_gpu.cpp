@@ -18,6 +18,63 @@ namespace {
   std::abort();
 }
 
+// The population merit: the checks that come before the device, in their
+// order, on small arrays of arbitrary bytes; with a device the run itself.
+void population_merit(Reader& in, int32_t status) {
+  int32_t n = 0, w = 0, f = 0, o = 0, p = 0, rows = 0, deficit = 0;
+  in.count(n, 6), in.count(w, 3), in.count(f, 3), in.count(o, 4), in.count(p, 5);
+  in.count(rows, 3), in.count(deficit, 2);
+  int32_t const forms = in.i32();
+  auto raw = [&](size_t bytes) {
+    std::vector<unsigned char> v(bytes + 8);
+    in.bytes(v.data(), v.size());
+    return v;
+  };
+  size_t const N = n > 0 ? n : 0, W = w > 0 ? w : 0, F = f > 0 ? f : 0, O = o > 0 ? o : 0;
+  size_t const P = p > 0 ? p : 0;
+  std::vector<unsigned char> surfaces = raw(sizeof(SurfaceData) * N), waves = raw(8 * W);
+  std::vector<unsigned char> fields = raw(sizeof(FieldData) * F), config = raw(sizeof(SystemConfig));
+  std::vector<unsigned char> ops = raw(sizeof(MeritOperandDesc) * O);
+  std::vector<double> rowsets(3 * N * P + 1, 0.0), merits(P + 1, -7.0);
+  for (double& v : rowsets) v = in.f64();
+  std::vector<int32_t> ids(N * P + 1);
+  bool beyond = false;
+  for (size_t k = 0; k < N * P; ++k) {
+    ids[k] = static_cast<int32_t>(in.u8() % 5) - 1;
+    beyond = beyond || ids[k] >= rows;
+  }
+  long const need = nuvrix_gpu_merit_value_scratch_size(p, n, w, f, o);
+  void* catalog = nullptr;
+  void* scratch = reinterpret_cast<void*>(16);  // never reached without a device
+  if (status == 0) {
+    nuvrix_gpu_alloc_device(nuvrix_gpu_glass_catalog_bytes(rows > 0 ? rows : 1, w > 0 ? w : 1),
+                            &catalog);
+    nuvrix_gpu_alloc_device(need, &scratch);
+  }
+  double const* cat = status == 0 ? static_cast<double const*>(catalog)
+                                  : reinterpret_cast<double const*>(8);
+  auto run = (forms & 1) != 0 ? nuvrix_gpu_run_merit_value_f32 : nuvrix_gpu_run_merit_value;
+  int32_t const got = run(reinterpret_cast<SurfaceData const*>(surfaces.data()), n, cat, rows, w,
+                          ids.data(), reinterpret_cast<double const*>(waves.data()),
+                          reinterpret_cast<SystemConfig const*>(config.data()),
+                          reinterpret_cast<FieldData const*>(fields.data()), f,
+                          reinterpret_cast<MeritOperandDesc const*>(ops.data()), o,
+                          rowsets.data(), rowsets.data() + N * P, rowsets.data() + 2 * N * P,
+                          merits.data(), p, scratch, need - deficit, (forms & 2) != 0 ? 1 : 0);
+  int32_t const want = (n < 1 || w < 1 || f < 1 || o < 1) ? -8
+                       : p < 1                           ? 0
+                       : beyond                          ? -8
+                       : deficit > 0                     ? -3
+                       : status != 0                     ? -1
+                                                         : got;
+  if (got != want) broken("population merit status");
+  if (got != 0 && merits[0] != -7.0) broken("population merit written on failure");
+  if (status == 0) {
+    nuvrix_gpu_free_device(scratch);
+    nuvrix_gpu_free_device(catalog);
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
@@ -63,5 +120,6 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     if (nuvrix_gpu_free_device(device) != 0) broken("free");
   }
   if (nuvrix_gpu_free_device(nullptr) != 0) broken("free of null");
+  population_merit(in, status);
   return 0;
 }

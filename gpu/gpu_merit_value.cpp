@@ -4,6 +4,7 @@
 #include <climits>
 
 #include "gpu/cuda_loader.hpp"
+#include "kernels/merit_bodies.cuh"
 
 namespace nuvrix {
 namespace gpu {
@@ -136,6 +137,134 @@ int cuda_run_efl_value(SurfaceData const* surfaces, int n, double const* glass_c
   int const ran = launch_and_wait(state().efl_value, population, 256, params);
   if (ran != 0) return ran;
   CUresult const r = g_api.cuMemcpyDtoH_v2(results, d_results, static_cast<size_t>(8 * P));
+  if (r != kCudaSuccess) {
+    g_last_cu_error = r;
+    return -7;
+  }
+  return 0;
+}
+
+namespace {
+
+constexpr int kChunk = 2048;  // elements a staged upload carries
+
+// The population rows as the chosen merit kernel reads them: as they stand
+// (plain), rounded to floats, or surface-major.  The last two are staged
+// through a small buffer, a chunk an upload.
+bool upload_rows_float(CUdeviceptr at, double const* rows, long count) {
+  float staged[kChunk];
+  for (long from = 0; from < count; from += kChunk) {
+    long const m = count - from < kChunk ? count - from : kChunk;
+    for (long j = 0; j < m; ++j) staged[j] = static_cast<float>(rows[from + j]);
+    if (!upload(at + static_cast<CUdeviceptr>(4 * from), staged, 4 * m)) return false;
+  }
+  return true;
+}
+
+template <typename T>
+bool upload_rows_surface_major(CUdeviceptr at, T const* rows, long population, long n) {
+  T staged[kChunk];
+  for (long k = 0; k < n; ++k) {
+    for (long from = 0; from < population; from += kChunk) {
+      long const m = population - from < kChunk ? population - from : kChunk;
+      for (long j = 0; j < m; ++j) staged[j] = rows[(from + j) * n + k];
+      long const offset = static_cast<long>(sizeof(T)) * (k * population + from);
+      if (!upload(at + static_cast<CUdeviceptr>(offset), staged,
+                  static_cast<long>(sizeof(T)) * m)) {
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+bool upload_population_rows(CUdeviceptr at, double const* rows, long population, long n,
+                            int layout) {
+  if (layout == kernels::kRowsFloat) return upload_rows_float(at, rows, population * n);
+  if (layout == kernels::kRowsSurfaceMajor) {
+    return upload_rows_surface_major(at, rows, population, n);
+  }
+  return upload(at, rows, 8 * population * n);
+}
+
+bool ids_in_catalogue(int const* ids, long count, int catalog_rows) {
+  for (long i = 0; i < count; ++i) {
+    if (ids[i] >= catalog_rows) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int cuda_run_merit_value(SurfaceData const* surfaces, int n, double const* glass_catalog,
+                         int catalog_rows, int wave_count, int const* material_ids,
+                         double const* wavelengths, SystemConfig const* config,
+                         FieldData const* fields, int field_count,
+                         MeritOperandDesc const* operands, int operand_count,
+                         double const* curvatures, double const* thicknesses,
+                         double const* conics, double* merit_values, int population,
+                         void* scratch, long scratch_bytes, MeritResult* operand_results,
+                         int reuse_uploads, int use_f32, int use_soa) {
+  if (n < 1 || wave_count < 1 || field_count < 1 || operand_count < 1) return -8;
+  if (population < 1) return 0;
+  if (glass_catalog == nullptr || material_ids == nullptr || surfaces == nullptr ||
+      wavelengths == nullptr || config == nullptr || fields == nullptr || operands == nullptr ||
+      curvatures == nullptr || thicknesses == nullptr || conics == nullptr ||
+      merit_values == nullptr) {
+    return -3;
+  }
+  long const N = n, P = population, W = wave_count, F = field_count, O = operand_count;
+  if (!ids_in_catalogue(material_ids, P * N, catalog_rows)) return -8;
+  long const need = cuda_merit_value_scratch_size(population, n, wave_count, field_count,
+                                                  operand_count);
+  if (scratch == nullptr || need == 0 || scratch_bytes < need) return -3;
+  int const entered = detail::enter_device();
+  if (entered != 0) return entered;
+  g_last_cu_error = 0;
+  // The kernel first: it decides how the rows travel.  An absent optional
+  // form falls back to the plain kernel.
+  GpuState& st = state();
+  CUfunction kernel = st.merit_value;
+  int layout = kernels::kRowsPlain;
+  if (use_soa != 0 && st.merit_value_soa != nullptr) {
+    kernel = st.merit_value_soa;
+    layout = kernels::kRowsSurfaceMajor;
+  } else if (use_f32 != 0 && st.merit_value_f32 != nullptr) {
+    kernel = st.merit_value_f32;
+    layout = kernels::kRowsFloat;
+  }
+  Sections s = {reinterpret_cast<CUdeviceptr>(scratch)};
+  CUdeviceptr d_surfaces = s.take(200 * N), d_waves = s.take(8 * W), d_config = s.take(48);
+  CUdeviceptr d_fields = s.take(24 * F), d_ops = s.take(136 * O), d_ids = s.take(4 * P * N);
+  CUdeviceptr d_curv = s.take(8 * P * N), d_thick = s.take(8 * P * N);
+  CUdeviceptr d_conic = s.take(8 * P * N), d_own = s.take(200 * P * N);
+  CUdeviceptr d_rows = s.take(8 * W * P * N), d_results = s.take(16 * P * O);
+  CUdeviceptr d_work = s.take(8 * P * (F + 2 * O + 8)), d_merit = s.take(8 * P);
+  if (reuse_uploads == 0 &&
+      (!upload(d_surfaces, surfaces, 200 * N) || !upload(d_waves, wavelengths, 8 * W) ||
+       !upload(d_config, config, 48) || !upload(d_fields, fields, 24 * F) ||
+       !upload(d_ops, operands, 136 * O))) {
+    return -4;
+  }
+  bool const ids_ok = layout == kernels::kRowsSurfaceMajor
+                          ? upload_rows_surface_major(d_ids, material_ids, P, N)
+                          : upload(d_ids, material_ids, 4 * P * N);
+  if (!ids_ok || !upload_population_rows(d_curv, curvatures, P, N, layout) ||
+      !upload_population_rows(d_thick, thicknesses, P, N, layout) ||
+      !upload_population_rows(d_conic, conics, P, N, layout)) {
+    return -4;
+  }
+  CUdeviceptr d_catalog = reinterpret_cast<CUdeviceptr>(glass_catalog);
+  void* params[20] = {&d_surfaces, &n,      &d_catalog, &d_ids,     &wave_count,
+                      &d_waves,    &d_config, &d_fields, &field_count, &d_ops,
+                      &operand_count, &d_curv, &d_thick, &d_conic,  &d_own,
+                      &d_rows,     &d_results, &d_work,  &d_merit,  &population};
+  int const ran = launch_and_wait(kernel, population, 64, params);
+  if (ran != 0) return ran;
+  CUresult r = g_api.cuMemcpyDtoH_v2(merit_values, d_merit, static_cast<size_t>(8 * P));
+  if (r == kCudaSuccess && operand_results != nullptr) {
+    r = g_api.cuMemcpyDtoH_v2(operand_results, d_results, static_cast<size_t>(16 * P * O));
+  }
   if (r != kCudaSuccess) {
     g_last_cu_error = r;
     return -7;

@@ -33,6 +33,26 @@ int cuda_run_efl_value(SurfaceData const* surfaces, int n, double const* glass_c
                        double const* curvatures, double const* thicknesses, double* results,
                        int population, void* scratch, long scratch_bytes);
 
+// Merit values of a population: candidate i is the base surfaces with row i
+// of `curvatures`, `thicknesses` and `conics` and row i of `material_ids`
+// (population rows of n each; glass ids as for the EFL path), and
+// merit_values[i] is what evaluate_merit gives for it.  operand_results,
+// when given, receives population rows of operand_count results.  With
+// reuse_uploads the surfaces, wavelengths, configuration, fields and
+// operands stay as the last run on this scratch left them.  use_soa picks
+// the surface-major kernel (the same numbers), else use_f32 the kernel that
+// reads the three parameter rows as floats; an absent form falls back to
+// the plain kernel.  0, or the codes of the GPU family.
+int cuda_run_merit_value(SurfaceData const* surfaces, int n, double const* glass_catalog,
+                         int catalog_rows, int wave_count, int const* material_ids,
+                         double const* wavelengths, SystemConfig const* config,
+                         FieldData const* fields, int field_count,
+                         MeritOperandDesc const* operands, int operand_count,
+                         double const* curvatures, double const* thicknesses,
+                         double const* conics, double* merit_values, int population,
+                         void* scratch, long scratch_bytes, MeritResult* operand_results,
+                         int reuse_uploads, int use_f32, int use_soa);
+
 // The population that fills the device with the merit kernel: the
 // multiprocessors times the blocks of 64 threads each can hold, times 64;
 // 0 without a set-up, the kernel, the occupancy query or a context.

@@ -3,3 +3,4 @@
 // its own file, included here.
 #include "kernels/smoke.cu"
 #include "kernels/value.cu"
+#include "kernels/merit.cu"

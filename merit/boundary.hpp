@@ -270,7 +270,7 @@ NUVRIX_HD bool angle_scan(MeritOperandDesc const& op, bool incidence, SurfaceDat
 // Codes 6 and 7: the extreme angle of incidence or of exit of the
 // operand's ray over the range that the bounds select; without a lower
 // bound the maximum.  1e10 when the ray fails.
-NUVRIX_HD double evaluate_angle_boundary(MeritOperandDesc const& op, SurfaceData const* surfaces,
+NUVRIX_HD_CALL double evaluate_angle_boundary(MeritOperandDesc const& op, SurfaceData const* surfaces,
                                          int n, double const* index_table, int wave_count,
                                          SystemConfig const* config, MeritContext const& ctx) {
   detail::AngleScan scan;
@@ -285,7 +285,7 @@ NUVRIX_HD double evaluate_angle_boundary(MeritOperandDesc const& op, SurfaceData
 
 // Codes 99 and 100: the root of the summed squared violations of the
 // incidence (99) or exit (100) angle over the range.
-NUVRIX_HD double evaluate_angle_boundary_total(MeritOperandDesc const& op,
+NUVRIX_HD_CALL double evaluate_angle_boundary_total(MeritOperandDesc const& op,
                                                SurfaceData const* surfaces, int n,
                                                double const* index_table, int wave_count,
                                                SystemConfig const* config,
@@ -301,14 +301,14 @@ NUVRIX_HD double evaluate_angle_boundary_total(MeritOperandDesc const& op,
 // Codes 37 to 47: the extreme of the quantity over the range that the
 // bounds select; without bounds the midpoint of the extremes.  0 for a code
 // outside the family or when no surface is taken.
-NUVRIX_HD double evaluate_boundary(MeritOperandDesc const& op, SurfaceData const* surfaces, int n,
+NUVRIX_HD_CALL double evaluate_boundary(MeritOperandDesc const& op, SurfaceData const* surfaces, int n,
                                    SystemConfig const* config) {
   return detail::boundary_extreme(op, detail::PlainSurfaces{surfaces, n}, config);
 }
 
 // Codes 88 to 98: the root of the sum of the squared violations of every
 // surface taken; 0 when nothing is violated.
-NUVRIX_HD double evaluate_boundary_total(MeritOperandDesc const& op, SurfaceData const* surfaces,
+NUVRIX_HD_CALL double evaluate_boundary_total(MeritOperandDesc const& op, SurfaceData const* surfaces,
                                          int n, SystemConfig const* config) {
   return detail::boundary_total(op, detail::PlainSurfaces{surfaces, n}, config);
 }

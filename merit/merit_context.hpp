@@ -142,7 +142,7 @@ NUVRIX_HD double merit_aim_radius(SurfaceData const* surfaces, int n, double con
 
 // A ray of the operand's field and pupil point through the general front
 // end, aimed as the prologue says, to the image surface.
-NUVRIX_HD RayTraceResult merit_ray(SurfaceData const* surfaces, int n, double const* row,
+NUVRIX_HD_CALL RayTraceResult merit_ray(SurfaceData const* surfaces, int n, double const* row,
                                    SystemConfig const* config, MeritContext const& ctx,
                                    double aim_radius, double field_y, double field_x, double px,
                                    double py, double wavelength_nm, RayState* states,
@@ -162,7 +162,7 @@ NUVRIX_HD int merit_wave_index(int wave, SystemConfig const& config, int wave_co
 }  // namespace detail
 
 // The context of one evaluation; index_table holds wave_count rows of n.
-NUVRIX_HD MeritContext build_context(SurfaceData const* surfaces, int n, double const* index_table,
+NUVRIX_HD_CALL MeritContext build_context(SurfaceData const* surfaces, int n, double const* index_table,
                                      int wave_count, SystemConfig const* config,
                                      FieldData const* fields, int field_count) {
   MeritContext c = {};

@@ -22,7 +22,7 @@ namespace detail {
 NUVRIX_HD bool is_composite(unsigned code) { return code >= 29 && code <= 36; }
 
 // Step 2: the raw value and status of operand i.
-NUVRIX_HD void merit_raw_value(MeritOperandDesc const& op, SurfaceData const* surfaces, int n,
+NUVRIX_HD_CALL void merit_raw_value(MeritOperandDesc const& op, SurfaceData const* surfaces, int n,
                                double const* index_table, double const* wavelengths,
                                int wave_count, SystemConfig const* config,
                                MeritContext const& ctx, PreTracedRays const* table,
@@ -274,7 +274,7 @@ NUVRIX_HD double merit_residual(MeritOperandDesc const& op, double value, double
 // weight.  The ray is traced once more to see how far it came: one that
 // dies earlier, or misses by more, costs more.  An off-axis failure costs
 // nothing unless the configuration asks for it.
-NUVRIX_HD double merit_penalty(MeritOperandDesc const& op, SurfaceData const* surfaces, int n,
+NUVRIX_HD_CALL double merit_penalty(MeritOperandDesc const& op, SurfaceData const* surfaces, int n,
                                double const* index_table, double const* wavelengths,
                                int wave_count, SystemConfig const* config,
                                MeritContext const& ctx, double s) {
@@ -310,7 +310,7 @@ NUVRIX_HD bool is_ray_group_member(MeritOperandDesc const& op) {
 // taken from results as they stand; table, when given, holds rays traced in
 // advance.  Returns the number of operands of non-zero weight that stayed
 // unsupported.
-NUVRIX_HD int evaluate_merit(SurfaceData const* surfaces, int n, double const* index_table,
+NUVRIX_HD_CALL int evaluate_merit(SurfaceData const* surfaces, int n, double const* index_table,
                              double const* wavelengths, int wave_count, SystemConfig const* config,
                              FieldData const* fields, int field_count, MeritOperandDesc const* ops,
                              int count, MeritResult* results, double* residuals,

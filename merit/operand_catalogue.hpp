@@ -207,7 +207,7 @@ NUVRIX_HD void seidel_colour_rows(double const* wavelengths, int wave_count, int
 
 // Codes 80 to 86: one Seidel sum over the range, the colour sums between
 // the rows of the shortest and the longest wavelength.
-NUVRIX_HD double catalogue_seidel(MeritOperandDesc const& op, SurfaceData const* surfaces, int n,
+NUVRIX_HD_CALL double catalogue_seidel(MeritOperandDesc const& op, SurfaceData const* surfaces, int n,
                                   double const* index_table, int wave_count,
                                   double const* wavelengths, SystemConfig const* config,
                                   MeritContext const& ctx) {
@@ -264,7 +264,7 @@ NUVRIX_HD bool distortion_at(SurfaceData const* surfaces, int n, double const* p
 }
 
 // Codes 60 to 63.
-NUVRIX_HD double catalogue_distortion(MeritOperandDesc const& op, SurfaceData const* surfaces,
+NUVRIX_HD_CALL double catalogue_distortion(MeritOperandDesc const& op, SurfaceData const* surfaces,
                                       int n, double const* primary, SystemConfig const* config,
                                       MeritContext const& ctx) {
   bool const tangent = op.type == 60 || op.type == 62;
@@ -292,7 +292,7 @@ NUVRIX_HD double catalogue_distortion(MeritOperandDesc const& op, SurfaceData co
 
 // Code 64: the spread of the chief ray over the wavelengths, in
 // micrometres, or in minutes of arc for an afocal image.
-NUVRIX_HD double catalogue_lateral_colour(MeritOperandDesc const& op, SurfaceData const* surfaces,
+NUVRIX_HD_CALL double catalogue_lateral_colour(MeritOperandDesc const& op, SurfaceData const* surfaces,
                                           int n, double const* index_table, int wave_count,
                                           SystemConfig const* config, MeritContext const& ctx) {
   if (fabs(op.hy) < kTiny || wave_count < 2) return 0.0;
@@ -319,7 +319,7 @@ NUVRIX_HD double catalogue_lateral_colour(MeritOperandDesc const& op, SurfaceDat
 NUVRIX_HD double dioptric(double focus) { return fabs(focus) < 1e-9 ? 0.0 : 1000.0 / focus; }
 
 // Codes 65 and 66.
-NUVRIX_HD double catalogue_field_curves(MeritOperandDesc const& op, SurfaceData const* surfaces,
+NUVRIX_HD_CALL double catalogue_field_curves(MeritOperandDesc const& op, SurfaceData const* surfaces,
                                         int n, double const* row, double const* primary,
                                         SystemConfig const* config, MeritContext const& ctx) {
   bool const afocal = config->afocal_image != 0;
@@ -402,7 +402,7 @@ NUVRIX_HD bool incidence_rays(SurfaceData const* surfaces, int n, double const* 
 // Code 74: (1 - cos) times the index step over 6 at `surface`, the cosine
 // of the angle between the ray and the surface normal, the direction in
 // front of the surface when the light enters the denser medium.
-NUVRIX_HD double catalogue_incidence_load(MeritOperandDesc const& op, SurfaceData const* surfaces,
+NUVRIX_HD_CALL double catalogue_incidence_load(MeritOperandDesc const& op, SurfaceData const* surfaces,
                                           int n, double const* row, int w,
                                           SystemConfig const* config, MeritContext const& ctx,
                                           PreTracedRays const* table, bool& ray_failed) {
@@ -433,7 +433,7 @@ NUVRIX_HD bool catalogue_has_evaluator(unsigned code) {
 // The raw value of one operand.  False for a code without an evaluator;
 // ray_failed when a ray the operand needs could not be traced (the value
 // then has no meaning).
-NUVRIX_HD bool evaluate_operand_value(MeritOperandDesc const& op, SurfaceData const* surfaces,
+NUVRIX_HD_CALL bool evaluate_operand_value(MeritOperandDesc const& op, SurfaceData const* surfaces,
                                       int n, double const* index_table, int wave_count,
                                       double const* wavelengths, SystemConfig const* config,
                                       MeritContext const& ctx, double& value, bool& ray_failed,

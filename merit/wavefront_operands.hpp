@@ -167,7 +167,7 @@ NUVRIX_HD RayTraceResult trace_field_ray(SurfaceData const* surfaces, int n, dou
 
 // Focus of the y fan in `first` and of the x fan in `second`, measured
 // along the axis from the image surface.
-NUVRIX_HD void compute_sag_tan_focus(SurfaceData const* surfaces, int n, double const* row,
+NUVRIX_HD_CALL void compute_sag_tan_focus(SurfaceData const* surfaces, int n, double const* row,
                                      SystemConfig const* config, MeritContext const& ctx,
                                      double field_y, double& first, double& second) {
   detail::sag_tan_focus(surfaces, n, row, config, ctx, field_y, first, second);
@@ -178,7 +178,7 @@ NUVRIX_HD void compute_sag_tan_focus(SurfaceData const* surfaces, int n, double 
 // bisections of the pupil radius, and the polygon of the rim directions,
 // relative to the chief ray, gives the solid angle.  -1 when the chief ray
 // fails; 1e15 when the cone has no area.
-NUVRIX_HD double compute_effective_fnumber(SurfaceData const* surfaces, int n, double const* row,
+NUVRIX_HD_CALL double compute_effective_fnumber(SurfaceData const* surfaces, int n, double const* row,
                                            SystemConfig const* config, MeritContext const& ctx,
                                            double field_y, int samples) {
   double const aim = detail::merit_aim_radius(surfaces, n, row, config, ctx);
@@ -224,7 +224,7 @@ NUVRIX_HD double compute_effective_fnumber(SurfaceData const* surfaces, int n, d
 // each closed onto the reference sphere about the primary chief ray's image
 // point.  Positive when the operand ray's path is the shorter.  Always
 // true; ray_failed for a failed ray or one that misses the sphere.
-NUVRIX_HD bool evaluate_opd(MeritOperandDesc const& op, SurfaceData const* surfaces, int n,
+NUVRIX_HD_CALL bool evaluate_opd(MeritOperandDesc const& op, SurfaceData const* surfaces, int n,
                             double const* index_table, int wave_count, double const* wavelengths,
                             SystemConfig const* config, MeritContext const& ctx, double& value,
                             bool& ray_failed, PreTracedRays const* table) {

@@ -81,7 +81,7 @@ NUVRIX_HD double fe_first_surface_sag(SurfaceData const* surfaces, int n, double
 }
 
 // Aims and traces a launch as every general front end does.
-NUVRIX_HD RayTraceResult fe_aim_and_trace(SurfaceData const* surfaces, int count,
+NUVRIX_HD_CALL RayTraceResult fe_aim_and_trace(SurfaceData const* surfaces, int count,
                                           double const* indices, SystemConfig const& config,
                                           Launch s, double px, double py, double wavelength,
                                           double ep, int aim_flag, double stop_radius,
@@ -159,7 +159,7 @@ NUVRIX_HD Launch tf_launch(SurfaceData const* surfaces, SystemConfig const& conf
   return s;
 }
 
-NUVRIX_HD RayTraceResult tf_trace(SurfaceData const* surfaces, int count, double const* indices,
+NUVRIX_HD_CALL RayTraceResult tf_trace(SurfaceData const* surfaces, int count, double const* indices,
                                   Launch const& s, double wavelength, RayState* states) {
   return rt_trace_impl(surfaces, count, indices, s.x, s.y, s.l, s.m, s.n, states, 1, count - 1,
                        wavelength, kExportedHistory, false);
@@ -170,7 +170,7 @@ NUVRIX_HD RayTraceResult tf_trace(SurfaceData const* surfaces, int count, double
 // Traces the ray of field `field_value` (and `field_x`) through the pupil
 // point (px, py), aimed at the stop when aim_flag is set and stop_radius
 // positive, with a history array of max_states records.
-NUVRIX_HD RayTraceResult trace_arbitrary_ray_full(SurfaceData const* surfaces, int surface_count,
+NUVRIX_HD_CALL RayTraceResult trace_arbitrary_ray_full(SurfaceData const* surfaces, int surface_count,
                                                   double const* indices,
                                                   SystemConfig const* config, double field_value,
                                                   double pupil_radius, double px, double py,
@@ -187,7 +187,7 @@ NUVRIX_HD RayTraceResult trace_arbitrary_ray_full(SurfaceData const* surfaces, i
 }
 
 // The same without a history.
-NUVRIX_HD RayTraceResult trace_arbitrary_ray(SurfaceData const* surfaces, int surface_count,
+NUVRIX_HD_CALL RayTraceResult trace_arbitrary_ray(SurfaceData const* surfaces, int surface_count,
                                              double const* indices, SystemConfig const* config,
                                              double field_value, double pupil_radius, double px,
                                              double py, double wavelength,
@@ -201,7 +201,7 @@ NUVRIX_HD RayTraceResult trace_arbitrary_ray(SurfaceData const* surfaces, int su
 
 // The front end of the wavefront and OPD analyses: the secant core from the
 // launch, a loose success accepted, to the image surface with 256 records.
-NUVRIX_HD RayTraceResult trace_full(SurfaceData const* surfaces, int surface_count,
+NUVRIX_HD_CALL RayTraceResult trace_full(SurfaceData const* surfaces, int surface_count,
                                     double const* indices, SystemConfig const* config,
                                     double field_value, double pupil_radius, double px, double py,
                                     double wavelength, double entrance_pupil_position,
@@ -225,7 +225,7 @@ namespace legacy {
 
 // The front end of the legacy operand evaluator: the full aim without
 // recovery; a failed aim gives an all-zero result.
-NUVRIX_HD RayTraceResult trace_full(SurfaceData const* surfaces, int surface_count,
+NUVRIX_HD_CALL RayTraceResult trace_full(SurfaceData const* surfaces, int surface_count,
                                     double const* indices, SystemConfig const* config,
                                     double field_value, double pupil_radius, double px, double py,
                                     double wavelength, double entrance_pupil_position,

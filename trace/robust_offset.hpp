@@ -113,7 +113,7 @@ NUVRIX_HD RayTraceResult rt_offset_failure(RayStateT<double> const& r, int statu
 // in the frame of surface start_surface.  With `states`, slot 0 gets the
 // launch direction at the origin and each surface reached one record as the
 // ray arrives there, up to max_states; the count goes on past the capacity.
-NUVRIX_HD RayTraceResult trace_ray_robust_offset(SurfaceData const* surfaces, int surface_count,
+NUVRIX_HD_CALL RayTraceResult trace_ray_robust_offset(SurfaceData const* surfaces, int surface_count,
                                                  double const* indices, double x, double y,
                                                  double z, double l, double m, double n,
                                                  int start_surface, int last_surface,

@@ -238,7 +238,7 @@ NUVRIX_HD RayTraceResult rt_success(RayStateT<double> const& ray, double phase,
 // last_surface (below 1: the image surface).  With `states`, slot 0 gets the
 // launch and each surface reached one record, up to max_states; the count
 // goes on past the capacity.  Apertures are tested unless ignore_apertures.
-NUVRIX_HD RayTraceResult rt_trace_impl(SurfaceData const* surfaces, int surface_count,
+NUVRIX_HD_CALL RayTraceResult rt_trace_impl(SurfaceData const* surfaces, int surface_count,
                                        double const* indices, double x, double y, double l,
                                        double m, double n, RayState* states, int start_surface,
                                        int last_surface, double wavelength, int max_states,

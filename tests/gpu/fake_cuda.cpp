@@ -14,7 +14,7 @@
 #include <list>
 #include <string>
 
-#include "kernels/value_bodies.cuh"
+#include "kernels/merit_bodies.cuh"
 
 namespace {
 
@@ -22,7 +22,8 @@ using CUresult = int;
 struct Module {
   std::string names;
 };
-int g_outstanding = 0;  // device allocations not yet freed
+int g_outstanding = 0;     // device allocations not yet freed
+std::string g_last_kernel;  // the merit form that ran last
 
 bool mode(char const* m) {
   char const* v = std::getenv("FAKE_CUDA");
@@ -49,6 +50,7 @@ int integer(void** params, int k) { return *static_cast<int*>(params[k]); }
 extern "C" {
 
 int fake_cuda_outstanding() { return g_outstanding; }
+char const* fake_cuda_last_kernel() { return g_last_kernel.c_str(); }
 
 CUresult cuInit(unsigned) { return 0; }
 CUresult cuDriverGetVersion(int* v) {
@@ -150,6 +152,28 @@ CUresult cuLaunchKernel(void* f, unsigned gx, unsigned gy, unsigned gz, unsigned
           device<double const>(params, 5), device<double const>(params, 6),
           device<double>(params, 7), integer(params, 8), integer(params, 9));
     }
+    return 0;
+  }
+  int const layout = name == "nuvrix_merit_value_kernel"       ? nuvrix::kernels::kRowsPlain
+                     : name == "nuvrix_merit_value_kernel_f32" ? nuvrix::kernels::kRowsFloat
+                     : name == "nuvrix_merit_value_kernel_soa"
+                         ? nuvrix::kernels::kRowsSurfaceMajor
+                         : -1;
+  if (layout >= 0) {
+    if (bx != 64) return 1;
+    nuvrix::kernels::MeritPopulation const p = {
+        device<SurfaceData const>(params, 0),  integer(params, 1),
+        device<double const>(params, 2),       device<int const>(params, 3),
+        integer(params, 4),                    device<double const>(params, 5),
+        device<SystemConfig const>(params, 6), device<FieldData const>(params, 7),
+        integer(params, 8),                    device<MeritOperandDesc const>(params, 9),
+        integer(params, 10),                   device<void const>(params, 11),
+        device<void const>(params, 12),        device<void const>(params, 13),
+        device<SurfaceData>(params, 14),       device<double>(params, 15),
+        device<MeritResult>(params, 16),       device<double>(params, 17),
+        device<double>(params, 18),            integer(params, 19)};
+    for (int i = 0; i < threads; ++i) nuvrix::kernels::merit_value_body(i, layout, p);
+    g_last_kernel = name;
     return 0;
   }
   return 1;  // a kernel the stand-in cannot run

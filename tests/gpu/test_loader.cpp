@@ -251,3 +251,181 @@ TEST(GpuLoader, EflPopulationMatchesTheCpu) {
   EXPECT_EQ(release(d_catalog), 0);
   EXPECT_EQ(outstanding(), 0);
 }
+
+namespace {
+
+// A population of the Cooke triplet for the merit kernels: every
+// candidate's curvatures, thicknesses and conics perturbed, and its two
+// crowns and flint drawn from a catalogue of three glasses at the F, d and
+// C lines.
+struct MeritPopulation {
+  nuvrix_test::System base = nuvrix_test::cooke_triplet();
+  int n = base.count(), waves = 3, population = 100;  // two blocks of 64
+  std::vector<double> wavelengths = {0.4861, 0.5876, 0.6563};
+  std::vector<double> catalog = {1.6321, 1.6204, 1.6150, 1.6280, 1.6170, 1.6120,
+                                 1.6321, 1.6170, 1.6075};
+  std::vector<FieldData> fields = {{0.0, 0.0, 0.0}, {14.0, 0.0, 0.0}, {20.0, 0.0, 0.0}};
+  SystemConfig config = {};
+  std::vector<MeritOperandDesc> ops;
+  std::vector<int> ids;
+  std::vector<double> curv, thick, conic;
+  MeritPopulation() {
+    config.stop_surface = nuvrix_test::kCookeStop;
+    config.aperture_value = 12.5;
+    config.primary_wavelength = 1;
+    struct Op {
+      unsigned code;
+      double hy, px, py;
+      int wave, surface;
+    } const list[] = {{71, 1.0, 0.0, 0.7, 1, 0}, {70, 0.7, 0.5, 0.0, 0, 0},
+                      {50, 0.0, 0.0, 0.0, 1, 0}, {69, 1.0, 0.0, 1.0, 2, 0},
+                      {74, 0.7, 0.0, 1.0, -1, 2}, {73, 1.0, 0.0, -0.7, 1, 0}};
+    for (Op const& o : list) {
+      MeritOperandDesc op = {};
+      op.type = o.code, op.hy = o.hy, op.px = o.px, op.py = o.py, op.wave = o.wave;
+      op.surface = o.surface, op.group_id = -1, op.weight = 1.0, op.scale = 1.0;
+      op.target = o.code == 50 ? 50.0 : 0.0;
+      ops.push_back(op);
+    }
+    for (int i = 0; i < population; ++i) {
+      int const glass[3] = {i % 3, (i + 1) % 3, (i / 3) % 3};
+      for (int k = 0; k < n; ++k) {
+        SurfaceData const& s = base.surfaces[k];
+        double const t = 1e-3 * ((i * 7 + k) % 11 - 5);
+        curv.push_back(s.curvature * (1.0 + t));
+        thick.push_back(k == 0 ? s.thickness : s.thickness * (1.0 - t / 3.0));
+        conic.push_back(k % 2 == 0 ? t : 0.0);
+        ids.push_back(k == 1 ? glass[0] : k == 3 ? glass[2] : k == 5 ? glass[1] : -1);
+      }
+    }
+  }
+  // Candidate i as the CPU sees it: its surfaces and index rows.
+  void candidate(int i, bool as_float, std::vector<SurfaceData>& s, std::vector<double>& rows) {
+    auto r = [&](double v) { return as_float ? static_cast<double>(static_cast<float>(v)) : v; };
+    s = base.surfaces;
+    rows.assign(static_cast<size_t>(waves) * n, 1.0);
+    for (int k = 0; k < n; ++k) {
+      s[k].curvature = r(curv[i * n + k]);
+      s[k].thickness = r(thick[i * n + k]);
+      s[k].conic = r(conic[i * n + k]);
+      int const g = ids[i * n + k];
+      for (int w = 0; w < waves && g >= 0; ++w) rows[w * n + k] = catalog[g * waves + w];
+    }
+  }
+};
+
+using MeritRun = int (*)(SurfaceData const*, int, double const*, int, int, int const*,
+                         double const*, SystemConfig const*, FieldData const*, int,
+                         MeritOperandDesc const*, int, double const*, double const*,
+                         double const*, double*, int, void*, long, MeritResult*, int, int, int);
+constexpr char kRunMerit[] =
+    "_ZN6nuvrix3gpu20cuda_run_merit_valueEPK11SurfaceDataiPKdiiPKiS5_PK12SystemConfigPK9FieldData"
+    "iPK16MeritOperandDesciS5_S5_S5_PdiPvlP11MeritResultiii";
+
+}  // namespace
+
+// Each candidate's merit and operand results from the merit kernel's body
+// equal evaluate_merit on that candidate; the surface-major form gives the
+// same bits, the float form those of the candidate rounded to floats, and
+// a form missing from the side file falls back to the plain kernel.
+TEST(GpuLoader, MeritPopulationMatchesTheCpu) {
+  std::vector<std::string> const all = all_kernels();
+  std::vector<std::string> no_forms;
+  for (std::string const& k : all) {
+    if (k.find("merit_value_kernel_") == std::string::npos) no_forms.push_back(k);
+  }
+  MeritPopulation m;
+  int const P = m.population, n = m.n, O = static_cast<int>(m.ops.size()), F = 3;
+  for (std::vector<std::string> const* kernels : {&all, static_cast<decltype(&all)>(&no_forms)}) {
+    Copy copy("", kernels);
+    ASSERT_EQ(copy.init(), 0);
+    auto alloc = copy.fn<int32_t (*)(long, void**)>("nuvrix_gpu_alloc_device");
+    auto htod = copy.fn<int32_t (*)(void*, void const*, long)>("nuvrix_gpu_htod_device");
+    auto release = copy.fn<int32_t (*)(void*)>("nuvrix_gpu_free_device");
+    auto size = copy.fn<long (*)(int, int, int, int, int)>("nuvrix_gpu_merit_value_scratch_size");
+    auto evaluate = copy.fn<int32_t (*)(SurfaceData const*, int32_t, double const*, double const*,
+                                        int32_t, SystemConfig const*, FieldData const*, int32_t,
+                                        MeritOperandDesc const*, int32_t, MeritResult*, double*,
+                                        int32_t*, double*)>("nuvrix_evaluate_merit");
+    auto last_kernel = reinterpret_cast<char const* (*)()>(
+        dlsym(dlopen("libcuda.so", RTLD_NOW | RTLD_NOLOAD), "fake_cuda_last_kernel"));
+    MeritRun const run = copy.fn<MeritRun>(kRunMerit);
+    long const bytes = size(P, n, m.waves, F, O);
+    void *d_catalog = nullptr, *scratch = nullptr;
+    ASSERT_EQ(alloc(8 * static_cast<long>(m.catalog.size()), &d_catalog), 0);
+    ASSERT_EQ(htod(d_catalog, m.catalog.data(), 8 * static_cast<long>(m.catalog.size())), 0);
+    ASSERT_EQ(alloc(bytes, &scratch), 0);
+    auto const* cat = static_cast<double const*>(d_catalog);
+    auto go = [&](int f32, int soa, int reuse, SurfaceData const* surfaces,
+                  std::vector<double>& merits, std::vector<MeritResult>* results) {
+      merits.assign(P, -1.0);
+      return run(surfaces, n, cat, 3, m.waves, m.ids.data(), m.wavelengths.data(), &m.config,
+                 m.fields.data(), F, m.ops.data(), O, m.curv.data(), m.thick.data(),
+                 m.conic.data(), merits.data(), P, scratch, bytes,
+                 results != nullptr ? results->data() : nullptr, reuse, f32, soa);
+    };
+    std::vector<double> plain, other;
+    std::vector<MeritResult> results(static_cast<size_t>(P) * O);
+    ASSERT_EQ(go(0, 0, 0, m.base.surfaces.data(), plain, &results), 0);
+    EXPECT_STREQ(last_kernel(), "nuvrix_merit_value_kernel");
+    for (int i = 0; i < P; ++i) {
+      std::vector<SurfaceData> s;
+      std::vector<double> rows;
+      m.candidate(i, false, s, rows);
+      std::vector<MeritResult> want(O);
+      std::vector<double> residuals(2 * O);
+      int slots = 0;
+      double merit = -1.0;
+      evaluate(s.data(), n, rows.data(), m.wavelengths.data(), m.waves, &m.config,
+               m.fields.data(), F, m.ops.data(), O, want.data(), residuals.data(), &slots,
+               &merit);
+      ASSERT_EQ(plain[i], merit) << i;
+      ASSERT_GT(merit, 0.0);
+      for (int k = 0; k < O; ++k) {
+        ASSERT_EQ(results[i * O + k].value, want[k].value) << i << " " << k;
+        ASSERT_EQ(results[i * O + k].status, want[k].status) << i << " " << k;
+      }
+    }
+    // With the uploads kept, the base surfaces given now are not read.
+    std::vector<SurfaceData> junk(n);
+    ASSERT_EQ(go(0, 1, 1, junk.data(), other, nullptr), 0);
+    EXPECT_STREQ(last_kernel(), kernels == &all ? "nuvrix_merit_value_kernel_soa"
+                                                : "nuvrix_merit_value_kernel");
+    EXPECT_EQ(other, plain);
+    ASSERT_EQ(go(1, 0, 1, junk.data(), other, nullptr), 0);
+    if (kernels == &all) {
+      for (int i = 0; i < P; i += 9) {
+        std::vector<SurfaceData> s;
+        std::vector<double> rows;
+        m.candidate(i, true, s, rows);
+        double merit = -1.0;
+        int slots = 0;
+        evaluate(s.data(), n, rows.data(), m.wavelengths.data(), m.waves, &m.config,
+                 m.fields.data(), F, m.ops.data(), O, results.data(), nullptr, &slots, &merit);
+        ASSERT_EQ(other[i], merit) << i;
+      }
+    } else {
+      EXPECT_EQ(other, plain);
+    }
+    // The checks in their order.
+    SurfaceData const* base = m.base.surfaces.data();
+    EXPECT_EQ(run(base, n, cat, 3, m.waves, m.ids.data(), m.wavelengths.data(), &m.config,
+                  m.fields.data(), 0, m.ops.data(), O, m.curv.data(), m.thick.data(),
+                  m.conic.data(), other.data(), P, scratch, bytes, nullptr, 0, 0, 0), -8);
+    EXPECT_EQ(run(base, n, cat, 3, m.waves, m.ids.data(), m.wavelengths.data(), &m.config,
+                  m.fields.data(), F, m.ops.data(), O, m.curv.data(), m.thick.data(),
+                  m.conic.data(), other.data(), 0, nullptr, 0, nullptr, 0, 0, 0), 0);
+    EXPECT_EQ(run(base, n, nullptr, 3, m.waves, m.ids.data(), m.wavelengths.data(), &m.config,
+                  m.fields.data(), F, m.ops.data(), O, m.curv.data(), m.thick.data(),
+                  m.conic.data(), other.data(), P, scratch, bytes, nullptr, 0, 0, 0), -3);
+    EXPECT_EQ(run(base, n, cat, 3, m.waves, m.ids.data(), m.wavelengths.data(), &m.config,
+                  m.fields.data(), F, m.ops.data(), O, m.curv.data(), m.thick.data(),
+                  m.conic.data(), other.data(), P, scratch, bytes - 1, nullptr, 0, 0, 0), -3);
+    EXPECT_EQ(run(base, n, cat, 2, m.waves, m.ids.data(), m.wavelengths.data(), &m.config,
+                  m.fields.data(), F, m.ops.data(), O, m.curv.data(), m.thick.data(),
+                  m.conic.data(), other.data(), P, scratch, bytes, nullptr, 0, 0, 0), -8);
+    EXPECT_EQ(release(scratch), 0);
+    EXPECT_EQ(release(d_catalog), 0);
+    EXPECT_EQ(outstanding(), 0);
+  }
+}
