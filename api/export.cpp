@@ -561,6 +561,57 @@ int32_t nuvrix_gpu_run_merit_value_f32(const SurfaceData* surfaces, int32_t n,
       merit_values, population, scratch, scratch_bytes, nullptr, reuse_uploads, 1, 0);
 }
 
+int32_t nuvrix_gpu_run_trace_grid(const SurfaceData* surfaces, int32_t n,
+                                  const double* index_table, int32_t wave_count,
+                                  const double* wavelengths, const SystemConfig* config,
+                                  const FieldData* fields, int32_t field_count,
+                                  const int32_t* field_indices, const int32_t* wave_indices,
+                                  const double* px_values, const double* py_values,
+                                  const double* field_table, double pupil_radius,
+                                  double entrance_pupil_position, double* x, double* y,
+                                  double* optical_path, int32_t* valid, int32_t ray_count,
+                                  void* scratch, long scratch_bytes, int32_t reuse_uploads) {
+  return nuvrix::gpu::cuda_run_trace_grid(
+      surfaces, n, index_table, wave_count, wavelengths, config, fields, field_count,
+      field_indices, wave_indices, px_values, py_values, field_table, pupil_radius,
+      entrance_pupil_position, x, y, optical_path, valid, ray_count, scratch, scratch_bytes,
+      reuse_uploads, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+      nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr);
+}
+
+int32_t nuvrix_gpu_run_trace_grid_full(
+    const SurfaceData* surfaces, int32_t n, const double* index_table, int32_t wave_count,
+    const double* wavelengths, const SystemConfig* config, const FieldData* fields,
+    int32_t field_count, const int32_t* field_indices, const int32_t* wave_indices,
+    const double* px_values, const double* py_values, const double* field_table,
+    double pupil_radius, double entrance_pupil_position, double* x, double* y,
+    double* optical_path, int32_t* valid, int32_t ray_count, void* scratch, long scratch_bytes,
+    int32_t reuse_uploads, const int32_t* ray_kinds, double* z, double* l, double* m,
+    double* n_out, double* launch_x, double* launch_y, double* launch_z, double* launch_l,
+    double* launch_m, double* launch_n, const int32_t* surface_indices, double* normal_x,
+    double* normal_y, double* normal_z, int32_t aim, const double* stop_radii) {
+  return nuvrix::gpu::cuda_run_trace_grid(
+      surfaces, n, index_table, wave_count, wavelengths, config, fields, field_count,
+      field_indices, wave_indices, px_values, py_values, field_table, pupil_radius,
+      entrance_pupil_position, x, y, optical_path, valid, ray_count, scratch, scratch_bytes,
+      reuse_uploads, ray_kinds, z, l, m, n_out, launch_x, launch_y, launch_z, launch_l, launch_m,
+      launch_n, surface_indices, normal_x, normal_y, normal_z, aim, stop_radii);
+}
+
+int32_t nuvrix_gpu_evaluate_merit_value(const SurfaceData* surfaces, int32_t n,
+                                        const double* index_table, const double* wavelengths,
+                                        int32_t wave_count, const SystemConfig* config,
+                                        const FieldData* fields, int32_t field_count,
+                                        const MeritOperandDesc* operands, int32_t operand_count,
+                                        MeritResult* results, double* residuals,
+                                        int32_t* residual_count, double* merit,
+                                        GpuTraceScratch* scratch, int32_t reuse_uploads) {
+  return nuvrix::gpu_evaluate_merit_value(surfaces, n, index_table, wavelengths, wave_count,
+                                          config, fields, field_count, operands, operand_count,
+                                          results, residuals, residual_count, merit, scratch,
+                                          reuse_uploads);
+}
+
 int32_t nuvrix_gpu_merit_value_fill_count(void) {
   return nuvrix::gpu::cuda_merit_value_fill_count();
 }

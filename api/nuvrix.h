@@ -1127,6 +1127,101 @@ int32_t nuvrix_gpu_run_merit_value_f32(const SurfaceData* surfaces, int32_t n,
                                        int32_t population, void* scratch, long scratch_bytes,
                                        int32_t reuse_uploads);
 
+/* Every ray of a grid in one launch (scratch: a device block of
+ * nuvrix_gpu_trace_grid_scratch_size(n, wave_count, field_count, ray_count)
+ * bytes).  Ray r is field field_indices[r], index row wave_indices[r] and
+ * pupil point (px_values[r], py_values[r]), traced by the general front end
+ * (as nuvrix_trace_arbitrary_ray with the field's field_y and field_x,
+ * pupil_radius and entrance_pupil_position) to the last surface.
+ * field_table, when given, holds four doubles a field that replace them:
+ * field y, field x, pupil radius, pupil position.  x and y are the ray's
+ * point at the last surface traced, optical_path its path in waves of the
+ * row's wavelength (wavelengths in micrometres), valid 1 when it got
+ * there.  With reuse_uploads nonzero the configuration, fields,
+ * wavelengths, ray lists and field table are those of the last call on the
+ * same scratch; the surfaces and index table are sent every time.
+ * Status: -8 for n, wave_count or field_count below 1 or a field or row
+ * index out of range, 0 at once for ray_count below 1, -3 for a null array
+ * or a short scratch, -9 when the side file lacks the grid kernel, and the
+ * device codes above. */
+int32_t nuvrix_gpu_run_trace_grid(const SurfaceData* surfaces, int32_t n,
+                                  const double* index_table, int32_t wave_count,
+                                  const double* wavelengths, const SystemConfig* config,
+                                  const FieldData* fields, int32_t field_count,
+                                  const int32_t* field_indices, const int32_t* wave_indices,
+                                  const double* px_values, const double* py_values,
+                                  const double* field_table, double pupil_radius,
+                                  double entrance_pupil_position, double* x, double* y,
+                                  double* optical_path, int32_t* valid, int32_t ray_count,
+                                  void* scratch, long scratch_bytes, int32_t reuse_uploads);
+
+/* The same with the optional arrays, each of which may be null.  ray_kinds
+ * 1 asks for the ray's complete record: its end point z, direction (l, m,
+ * n_out), its point on surface 1 (launch_x, launch_y, launch_z), its
+ * direction at launch (launch_l, launch_m, launch_n) and the surface normal
+ * where it ended (normal_); other rays get zeros there (launch_n 1).
+ * surface_indices[r] stops ray r at that surface (0: the last).  aim
+ * nonzero aims every ray at the stop, with the stop radius stop_radii[r]
+ * when given, else the marginal radius that the pupil fills at the stop for
+ * the ray's row. */
+int32_t nuvrix_gpu_run_trace_grid_full(
+    const SurfaceData* surfaces, int32_t n, const double* index_table, int32_t wave_count,
+    const double* wavelengths, const SystemConfig* config, const FieldData* fields,
+    int32_t field_count, const int32_t* field_indices, const int32_t* wave_indices,
+    const double* px_values, const double* py_values, const double* field_table,
+    double pupil_radius, double entrance_pupil_position, double* x, double* y,
+    double* optical_path, int32_t* valid, int32_t ray_count, void* scratch, long scratch_bytes,
+    int32_t reuse_uploads, const int32_t* ray_kinds, double* z, double* l, double* m,
+    double* n_out, double* launch_x, double* launch_y, double* launch_z, double* launch_l,
+    double* launch_m, double* launch_n, const int32_t* surface_indices, double* normal_x,
+    double* normal_y, double* normal_z, int32_t aim, const double* stop_radii);
+
+/* The host's workspace of nuvrix_gpu_evaluate_merit_value: every array
+ * holds capacity entries, and device_scratch is a device block of
+ * device_scratch_bytes, at least nuvrix_gpu_trace_grid_scratch_size(n,
+ * wave_count, field_count, capacity) bytes for the rays to reach the
+ * device. */
+typedef struct GpuTraceScratch {
+  int32_t* field_indices;
+  int32_t* wave_indices;
+  int32_t* ray_kinds;
+  int32_t* surface_indices;
+  double* hy_values;
+  double* px_values;
+  double* py_values;
+  double* x;
+  double* y;
+  int32_t* valid_flags;
+  double *z, *l, *m, *n;
+  double* optical_path;
+  double *launch_x, *launch_y, *launch_z;
+  double *launch_l, *launch_m, *launch_n;
+  double *normal_x, *normal_y, *normal_z;
+  double* stop_radii;
+  int32_t capacity;
+  void* device_scratch;
+  long device_scratch_bytes;
+} GpuTraceScratch;
+NUVRIX_STATIC_ASSERT(sizeof(GpuTraceScratch) == 224, "GpuTraceScratch must be 224 bytes");
+
+/* nuvrix_evaluate_merit with its rays traced on the device: the transverse
+ * rays (codes 70 to 73), the OPD rays (67 to 69) and the incidence-load
+ * rays (74) whose normalised field lies on a defined field (within 1e-6 in
+ * y, and in x) go to the device in one launch, each distinct ray once, up
+ * to capacity; the CPU traces the rest.  It runs entirely on the CPU with a
+ * thin-lens surface, without a workspace, with an afocal image, with
+ * aiming and more than 64 wavelengths, without rays to send, and whenever
+ * the device fails: the result is then that of nuvrix_evaluate_merit, and
+ * otherwise the same apart from rounding. */
+int32_t nuvrix_gpu_evaluate_merit_value(const SurfaceData* surfaces, int32_t n,
+                                        const double* index_table, const double* wavelengths,
+                                        int32_t wave_count, const SystemConfig* config,
+                                        const FieldData* fields, int32_t field_count,
+                                        const MeritOperandDesc* operands, int32_t operand_count,
+                                        MeritResult* results, double* residuals,
+                                        int32_t* residual_count, double* merit,
+                                        GpuTraceScratch* scratch, int32_t reuse_uploads);
+
 /* How large a population keeps the device busy with the merit kernel
  * (multiprocessors x resident blocks of 64 x 64); 0 without a device. */
 int32_t nuvrix_gpu_merit_value_fill_count(void);

@@ -75,6 +75,47 @@ void population_merit(Reader& in, int32_t status) {
   }
 }
 
+// The ray grid: the checks before the device in their order, on a small
+// system of arbitrary bytes and arbitrary field and row indices.
+void trace_grid(Reader& in, int32_t status) {
+  int32_t n = 0, w = 0, f = 0, r = 0, deficit = 0;
+  in.count(n, 6), in.count(w, 3), in.count(f, 3), in.count(r, 6), in.count(deficit, 2);
+  size_t const N = n > 0 ? n : 0, W = w > 0 ? w : 0, F = f > 0 ? f : 0, R = r > 0 ? r : 0;
+  std::vector<unsigned char> surfaces(sizeof(SurfaceData) * N + 8), fields(sizeof(FieldData) * F + 8);
+  std::vector<unsigned char> config(sizeof(SystemConfig));
+  in.bytes(surfaces.data(), surfaces.size()), in.bytes(fields.data(), fields.size());
+  in.bytes(config.data(), config.size());
+  std::vector<double> table(N * W + 1), waves(W + 1), px(R + 1), py(R + 1), out(3 * R + 3, -7.0);
+  for (double& v : table) v = in.f64();
+  for (double& v : waves) v = in.f64();
+  for (size_t k = 0; k < R; ++k) px[k] = in.f64(), py[k] = in.f64();
+  std::vector<int32_t> field_idx(R + 1), wave_idx(R + 1), valid(R + 1, -7);
+  bool outside = false;
+  for (size_t k = 0; k < R; ++k) {
+    field_idx[k] = static_cast<int32_t>(in.u8() % 5) - 1;
+    wave_idx[k] = static_cast<int32_t>(in.u8() % 5) - 1;
+    outside = outside || field_idx[k] < 0 || field_idx[k] >= f || wave_idx[k] < 0 || wave_idx[k] >= w;
+  }
+  long const need = nuvrix_gpu_trace_grid_scratch_size(n, w, f, r);
+  void* scratch = reinterpret_cast<void*>(16);  // never reached without a device
+  if (status == 0) nuvrix_gpu_alloc_device(need, &scratch);
+  int32_t const got = nuvrix_gpu_run_trace_grid(
+      reinterpret_cast<SurfaceData const*>(surfaces.data()), n, table.data(), w, waves.data(),
+      reinterpret_cast<SystemConfig const*>(config.data()),
+      reinterpret_cast<FieldData const*>(fields.data()), f, field_idx.data(), wave_idx.data(),
+      px.data(), py.data(), nullptr, in.f64(), in.f64(), out.data(), out.data() + R,
+      out.data() + 2 * R, valid.data(), r, scratch, need - deficit, 0);
+  int32_t const want = (n < 1 || w < 1 || f < 1) ? -8
+                       : r < 1                  ? 0
+                       : outside                ? -8
+                       : deficit > 0            ? -3
+                       : status != 0            ? -1
+                                                : got;
+  if (got != want) broken("trace grid status");
+  if (got != 0 && (out[0] != -7.0 || valid[0] != -7)) broken("trace grid written on failure");
+  if (status == 0) nuvrix_gpu_free_device(scratch);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
@@ -121,5 +162,6 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   }
   if (nuvrix_gpu_free_device(nullptr) != 0) broken("free of null");
   population_merit(in, status);
+  trace_grid(in, status);
   return 0;
 }

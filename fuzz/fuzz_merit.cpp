@@ -4,6 +4,7 @@
 // negative; the legacy list leaves unknown codes, and code 7 outside the
 // full form, at value 0 and status 0.
 #include <cstdio>
+#include <cstring>
 
 #include "fuzz/fuzz_args.hpp"
 
@@ -17,6 +18,10 @@ namespace {
 }
 
 bool is_composite(uint32_t code) { return code >= 29 && code <= 36; }
+
+void device_rays(MeritArgs const& a, System& sys, Buf<MeritOperandDesc> const& ops,
+                 int32_t count, Buf<MeritResult> const& results, Buf<double> const& residuals,
+                 int32_t residual_count, double merit, int32_t unsupported);
 
 void evaluate_merit(MeritArgs const& a, System& sys, Reader& in) {
   int32_t const count = capped_operand_count(a.operand_count, sys.surface_count);
@@ -58,6 +63,54 @@ void evaluate_merit(MeritArgs const& a, System& sys, Reader& in) {
   }
   if (!a.null_merit && merit < 0.0) broken("negative merit");
   keep(residuals);
+  device_rays(a, sys, ops, count, results, residuals, residual_count, merit, unsupported);
+}
+
+// The same evaluation with its rays offered to the device: without one
+// (or with any failure there) it must be the CPU's evaluation to the bit.
+void device_rays(MeritArgs const& a, System& sys, Buf<MeritOperandDesc> const& ops,
+                 int32_t count, Buf<MeritResult> const& results, Buf<double> const& residuals,
+                 int32_t residual_count, double merit, int32_t unsupported) {
+  constexpr int kCapacity = 8;
+  int32_t ints[5][kCapacity];
+  double doubles[20][kCapacity];
+  GpuTraceScratch ws = {ints[0], ints[1], ints[2], ints[3], doubles[0], doubles[1], doubles[2],
+                        doubles[3], doubles[4], ints[4], doubles[5], doubles[6], doubles[7],
+                        doubles[8], doubles[9], doubles[10], doubles[11], doubles[12],
+                        doubles[13], doubles[14], doubles[15], doubles[16], doubles[17],
+                        doubles[18], doubles[19], kCapacity, nullptr, 0};
+  bool const device = nuvrix_gpu_init() == 0;
+  ws.device_scratch_bytes = nuvrix_gpu_trace_grid_scratch_size(
+      sys.surface_count, sys.wavelength_count, sys.field_count, kCapacity);
+  if (device) nuvrix_gpu_alloc_device(ws.device_scratch_bytes, &ws.device_scratch);
+  else ws.device_scratch = reinterpret_cast<void*>(64);  // never reached without a device
+  Buf<MeritResult> r2(count);
+  Buf<double> res2(product(2, count));
+  for (size_t i = 0; i < res2.size(); ++i) res2[i] = residuals[i];
+  int32_t slots2 = -1;
+  double merit2 = -1.0;
+  int32_t const u2 = nuvrix_gpu_evaluate_merit_value(
+      sys.surfaces.data(), sys.surface_count, sys.table.data(), sys.wavelengths.data(),
+      sys.wavelength_count, &sys.config, sys.fields.data(), sys.field_count, ops.data(), count,
+      a.null_results ? nullptr : r2.data(), a.null_residuals ? nullptr : res2.data(),
+      a.null_residual_count ? nullptr : &slots2, a.null_merit ? nullptr : &merit2, &ws, 0);
+  if (device) {
+    nuvrix_gpu_free_device(ws.device_scratch);
+    return;  // the device's rays agree only to rounding
+  }
+  if (u2 != unsupported) broken("device path: unsupported count");
+  if (!a.null_residual_count && slots2 != residual_count) broken("device path: slots");
+  if (!a.null_merit && std::memcmp(&merit2, &merit, sizeof merit) != 0) broken("device path: merit");
+  for (int32_t i = 0; !a.null_results && i < count; ++i) {
+    if (std::memcmp(&r2[i].value, &results[i].value, sizeof(double)) != 0 ||
+        r2[i].status != results[i].status) {
+      broken("device path: results");
+    }
+  }
+  if (!a.null_residuals && res2.size() > 0 &&
+      std::memcmp(res2.data(), residuals.data(), sizeof(double) * res2.size()) != 0) {
+    broken("device path: residuals");
+  }
 }
 
 void evaluate_legacy(MeritArgs const& a, System& sys, Reader& in, bool full) {

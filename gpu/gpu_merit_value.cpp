@@ -144,6 +144,54 @@ int cuda_run_efl_value(SurfaceData const* surfaces, int n, double const* glass_c
   return 0;
 }
 
+int cuda_run_ry_value(SurfaceData const* surfaces, int n, double const* glass_catalog,
+                      int catalog_rows, int wave_count, int wave_index, int const* material_ids,
+                      double field_value, double px, double py, int field_type,
+                      double const* curvatures, double const* thicknesses, double const* conics,
+                      double const* pupil_radii, double const* pupil_positions, double* results,
+                      int population, int last_surface, void* scratch, long scratch_bytes) {
+  if (n < 1 || wave_count < 1 || wave_index < 0 || wave_index >= wave_count) return -8;
+  if (population < 1) return 0;
+  if (glass_catalog == nullptr || material_ids == nullptr || surfaces == nullptr ||
+      curvatures == nullptr || thicknesses == nullptr || conics == nullptr ||
+      pupil_radii == nullptr || pupil_positions == nullptr || results == nullptr) {
+    return -3;
+  }
+  for (int i = 0; i < n; ++i) {
+    if (material_ids[i] >= catalog_rows) return -8;  // beyond the catalogue
+  }
+  long const need = cuda_ry_value_scratch_size(population, n);
+  if (scratch == nullptr || need == 0 || scratch_bytes < need) return -3;
+  int const entered = detail::enter_device();
+  if (entered != 0) return entered;
+  g_last_cu_error = 0;
+  long const N = n, P = population;
+  Sections s = {reinterpret_cast<CUdeviceptr>(scratch)};
+  CUdeviceptr d_surfaces = s.take(200 * N), d_ids = s.take(4 * N);
+  CUdeviceptr d_curv = s.take(8 * N * P), d_thick = s.take(8 * N * P);
+  CUdeviceptr d_conic = s.take(8 * N * P), d_radii = s.take(8 * P);
+  CUdeviceptr d_positions = s.take(8 * P), d_results = s.take(8 * P);
+  if (!upload(d_surfaces, surfaces, 200 * N) || !upload(d_ids, material_ids, 4 * N) ||
+      !upload(d_curv, curvatures, 8 * N * P) || !upload(d_thick, thicknesses, 8 * N * P) ||
+      !upload(d_conic, conics, 8 * N * P) || !upload(d_radii, pupil_radii, 8 * P) ||
+      !upload(d_positions, pupil_positions, 8 * P)) {
+    return -4;
+  }
+  CUdeviceptr d_catalog = reinterpret_cast<CUdeviceptr>(glass_catalog);
+  void* params[18] = {&d_surfaces, &d_catalog,  &d_ids,      &wave_count,  &wave_index,
+                      &field_value, &px,        &py,         &field_type,  &d_curv,
+                      &d_thick,    &d_conic,    &d_radii,    &d_positions, &d_results,
+                      &n,          &population, &last_surface};
+  int const ran = launch_and_wait(state().ry_value, population, 256, params);
+  if (ran != 0) return ran;
+  CUresult const r = g_api.cuMemcpyDtoH_v2(results, d_results, static_cast<size_t>(8 * P));
+  if (r != kCudaSuccess) {
+    g_last_cu_error = r;
+    return -7;
+  }
+  return 0;
+}
+
 namespace {
 
 constexpr int kChunk = 2048;  // elements a staged upload carries
@@ -268,6 +316,108 @@ int cuda_run_merit_value(SurfaceData const* surfaces, int n, double const* glass
   if (r != kCudaSuccess) {
     g_last_cu_error = r;
     return -7;
+  }
+  return 0;
+}
+
+int cuda_run_trace_grid(SurfaceData const* surfaces, int n, double const* index_table,
+                        int wave_count, double const* wavelengths, SystemConfig const* config,
+                        FieldData const* fields, int field_count, int const* field_indices,
+                        int const* wave_indices, double const* px_values,
+                        double const* py_values, double const* field_table, double pupil_radius,
+                        double entrance_pupil_position, double* x, double* y,
+                        double* optical_path, int* valid, int ray_count, void* scratch,
+                        long scratch_bytes, int reuse_uploads, int const* ray_kinds, double* z,
+                        double* l, double* m, double* n_out, double* launch_x, double* launch_y,
+                        double* launch_z, double* launch_l, double* launch_m, double* launch_n,
+                        int const* surface_indices, double* normal_x, double* normal_y,
+                        double* normal_z, int aim, double const* stop_radii) {
+  if (n < 1 || wave_count < 1 || field_count < 1) return -8;
+  if (ray_count < 1) return 0;
+  if (surfaces == nullptr || index_table == nullptr || wavelengths == nullptr ||
+      config == nullptr || fields == nullptr || field_indices == nullptr ||
+      wave_indices == nullptr || px_values == nullptr || py_values == nullptr || x == nullptr ||
+      y == nullptr || optical_path == nullptr || valid == nullptr) {
+    return -3;
+  }
+  for (int r = 0; r < ray_count; ++r) {
+    if (field_indices[r] < 0 || field_indices[r] >= field_count || wave_indices[r] < 0 ||
+        wave_indices[r] >= wave_count) {
+      return -8;
+    }
+  }
+  long const need = cuda_trace_grid_scratch_size(n, wave_count, field_count, ray_count);
+  if (scratch == nullptr || need == 0 || scratch_bytes < need) return -3;
+  int const entered = detail::enter_device();
+  if (entered != 0) return entered;
+  CUfunction const kernel = state().trace_grid;
+  if (kernel == nullptr) return -9;
+  g_last_cu_error = 0;
+  long const N = n, W = wave_count, F = field_count, R = ray_count;
+  Sections s = {reinterpret_cast<CUdeviceptr>(scratch)};
+  CUdeviceptr d_surfaces = s.take(200 * N), d_table = s.take(8 * N * W);
+  CUdeviceptr d_waves = s.take(8 * W), d_config = s.take(48), d_fields = s.take(24 * F);
+  CUdeviceptr d_field_idx = s.take(4 * R), d_wave_idx = s.take(4 * R);
+  CUdeviceptr d_px = s.take(8 * R), d_py = s.take(8 * R), d_field_table = s.take(32 * F);
+  CUdeviceptr d_x = s.take(8 * R), d_y = s.take(8 * R), d_path = s.take(8 * R);
+  CUdeviceptr d_valid = s.take(4 * R), d_kinds = s.take(4 * R);
+  CUdeviceptr d_out[10];  // z, l, m, n and the six launch arrays
+  for (CUdeviceptr& d : d_out) d = s.take(8 * R);
+  CUdeviceptr d_surface_idx = s.take(4 * R);
+  CUdeviceptr d_normal[3] = {s.take(8 * R), s.take(8 * R), s.take(8 * R)};
+  CUdeviceptr d_stops = s.take(8 * R);
+  if (reuse_uploads == 0 &&
+      (!upload(d_config, config, 48) || !upload(d_fields, fields, 24 * F) ||
+       !upload(d_waves, wavelengths, 8 * W) || !upload(d_field_idx, field_indices, 4 * R) ||
+       !upload(d_wave_idx, wave_indices, 4 * R) || !upload(d_px, px_values, 8 * R) ||
+       !upload(d_py, py_values, 8 * R) ||
+       (ray_kinds != nullptr && !upload(d_kinds, ray_kinds, 4 * R)) ||
+       (surface_indices != nullptr && !upload(d_surface_idx, surface_indices, 4 * R)) ||
+       (field_table != nullptr && !upload(d_field_table, field_table, 32 * F)))) {
+    return -4;
+  }
+  if (!upload(d_surfaces, surfaces, 200 * N) || !upload(d_table, index_table, 8 * N * W) ||
+      (stop_radii != nullptr && !upload(d_stops, stop_radii, 8 * R))) {
+    return -4;
+  }
+  // A null optional array reaches the kernel as a null pointer.
+  auto given = [](void const* host, CUdeviceptr d) -> CUdeviceptr {
+    return host != nullptr ? d : 0;
+  };
+  double* const outs[10] = {z, l, m, n_out, launch_x, launch_y, launch_z, launch_l, launch_m,
+                            launch_n};
+  double* const normals[3] = {normal_x, normal_y, normal_z};
+  CUdeviceptr p_table = given(field_table, d_field_table), p_kinds = given(ray_kinds, d_kinds);
+  CUdeviceptr p_surface_idx = given(surface_indices, d_surface_idx);
+  CUdeviceptr p_stops = given(stop_radii, d_stops), p_out[10], p_normal[3];
+  for (int k = 0; k < 10; ++k) p_out[k] = given(outs[k], d_out[k]);
+  for (int k = 0; k < 3; ++k) p_normal[k] = given(normals[k], d_normal[k]);
+  void* params[36] = {&d_surfaces, &n,          &d_table,     &d_waves,      &d_config,
+                      &d_fields,   &d_field_idx, &d_wave_idx, &d_px,         &d_py,
+                      &p_table,    &pupil_radius, &entrance_pupil_position,    &d_x,
+                      &d_y,        &d_path,     &d_valid,     &p_kinds,      &p_out[0],
+                      &p_out[1],   &p_out[2],   &p_out[3],    &p_out[4],     &p_out[5],
+                      &p_out[6],   &p_out[7],   &p_out[8],    &p_out[9],     &p_surface_idx,
+                      &p_normal[0], &p_normal[1], &p_normal[2], &aim,        &p_stops,
+                      &ray_count};
+  int const ran = launch_and_wait(kernel, ray_count, 128, params);
+  if (ran != 0) return ran;
+  struct Down {
+    void* host;
+    CUdeviceptr device;
+    long bytes;
+  } downs[17] = {{x, d_x, 8 * R}, {y, d_y, 8 * R}, {optical_path, d_path, 8 * R},
+                 {valid, d_valid, 4 * R}};
+  int count = 4;
+  for (int k = 0; k < 10; ++k) downs[count++] = {outs[k], d_out[k], 8 * R};
+  for (int k = 0; k < 3; ++k) downs[count++] = {normals[k], d_normal[k], 8 * R};
+  for (Down const& d : downs) {
+    if (d.host == nullptr) continue;
+    CUresult const r = g_api.cuMemcpyDtoH_v2(d.host, d.device, static_cast<size_t>(d.bytes));
+    if (r != kCudaSuccess) {
+      g_last_cu_error = r;
+      return -7;
+    }
   }
   return 0;
 }

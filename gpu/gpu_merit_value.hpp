@@ -33,6 +33,22 @@ int cuda_run_efl_value(SurfaceData const* surfaces, int n, double const* glass_c
                        double const* curvatures, double const* thicknesses, double* results,
                        int population, void* scratch, long scratch_bytes);
 
+// Real-ray heights of a population, with the glasses and the catalogue of
+// the EFL path.  The scalars that the Part leaves to this project are, in
+// order: the field (degrees with field_type 0, else a height), the
+// normalised pupil point (px, py), field_type, and after the population the
+// surface the ray is traced to (0 or beyond: the last).  The three row
+// arrays are each candidate's curvatures, thicknesses and conics; the two
+// per-candidate arrays its entrance pupil radius and position, which the
+// host works out.  results[i] is the y of trace_arbitrary_ray without
+// aiming for candidate i, NaN when the ray fails.
+int cuda_run_ry_value(SurfaceData const* surfaces, int n, double const* glass_catalog,
+                      int catalog_rows, int wave_count, int wave_index, int const* material_ids,
+                      double field_value, double px, double py, int field_type,
+                      double const* curvatures, double const* thicknesses, double const* conics,
+                      double const* pupil_radii, double const* pupil_positions, double* results,
+                      int population, int last_surface, void* scratch, long scratch_bytes);
+
 // Merit values of a population: candidate i is the base surfaces with row i
 // of `curvatures`, `thicknesses` and `conics` and row i of `material_ids`
 // (population rows of n each; glass ids as for the EFL path), and
@@ -53,10 +69,54 @@ int cuda_run_merit_value(SurfaceData const* surfaces, int n, double const* glass
                          void* scratch, long scratch_bytes, MeritResult* operand_results,
                          int reuse_uploads, int use_f32, int use_soa);
 
+// Every ray of a grid in one launch.  Ray r is the field
+// field_indices[r] (or row f of field_table: field y, field x, pupil
+// radius and pupil position, which then replace the field's values and the
+// two shared scalars), the index row wave_indices[r] and the pupil point
+// (px_values[r], py_values[r]), traced as trace_arbitrary_ray_full traces
+// it, to surface_indices[r] when given (0: the last surface), aimed when
+// `aim` is nonzero with the stop radius stop_radii[r] (without the array,
+// aim_stop_radius of the ray's row).  x, y, optical_path (the path in
+// waves of the row's wavelength; wavelengths in micrometres) and valid
+// always come back; with ray_kinds[r] 1 also the end point and direction,
+// the point on surface 1 and the launch direction (launch_), and the
+// normal at the last surface traced, into those optional outputs that are
+// given (zeros, and launch_n 1, for other rays).  With reuse_uploads the
+// configuration, fields, wavelengths, ray lists and field_table stay from
+// the last run on this scratch; the surfaces, index table and stop radii
+// are sent every time.  -9 without the grid kernel; -8 also for a field or
+// row index out of range.
+int cuda_run_trace_grid(SurfaceData const* surfaces, int n, double const* index_table,
+                        int wave_count, double const* wavelengths, SystemConfig const* config,
+                        FieldData const* fields, int field_count, int const* field_indices,
+                        int const* wave_indices, double const* px_values,
+                        double const* py_values, double const* field_table, double pupil_radius,
+                        double entrance_pupil_position, double* x, double* y,
+                        double* optical_path, int* valid, int ray_count, void* scratch,
+                        long scratch_bytes, int reuse_uploads, int const* ray_kinds, double* z,
+                        double* l, double* m, double* n_out, double* launch_x, double* launch_y,
+                        double* launch_z, double* launch_l, double* launch_m, double* launch_n,
+                        int const* surface_indices, double* normal_x, double* normal_y,
+                        double* normal_z, int aim, double const* stop_radii);
+
 // The population that fills the device with the merit kernel: the
 // multiprocessors times the blocks of 64 threads each can hold, times 64;
 // 0 without a set-up, the kernel, the occupancy query or a context.
 int cuda_merit_value_fill_count();
 
 }  // namespace gpu
+
+// evaluate_merit with the operands' rays traced on the device in one launch
+// of the grid kernel, into the caller's workspace, and handed on as rays
+// traced in advance; the CPU traces what the device did not.  Runs wholly
+// on the CPU with a thin lens, without a workspace, with an afocal image,
+// with aiming and more than 64 wavelengths, without rays to send, and when
+// the device fails.  Returns what evaluate_merit returns.
+int gpu_evaluate_merit_value(SurfaceData const* surfaces, int n, double const* index_table,
+                             double const* wavelengths, int wave_count,
+                             SystemConfig const* config, FieldData const* fields,
+                             int field_count, MeritOperandDesc const* ops, int count,
+                             MeritResult* results, double* residuals, int* residual_count,
+                             double* merit, GpuTraceScratch* scratch, int reuse_uploads);
+
 }  // namespace nuvrix

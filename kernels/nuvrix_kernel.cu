@@ -4,3 +4,4 @@
 #include "kernels/smoke.cu"
 #include "kernels/value.cu"
 #include "kernels/merit.cu"
+#include "kernels/grid.cu"

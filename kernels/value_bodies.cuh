@@ -10,6 +10,7 @@
 
 #include "api/types.hpp"
 #include "first_order/paraxial.hpp"
+#include "trace/front_ends.hpp"
 
 namespace nuvrix {
 namespace kernels {
@@ -45,6 +46,50 @@ NUVRIX_HD void efl_value_body(int i, SurfaceData const* surfaces, double const* 
   }
   catalogue_row(catalog, wave_count, wave_index, material_ids, n, row);
   results[i] = calculate_efl_abcd(own, n, row);
+}
+
+// The scalars of the RY population, as the host hands them on: the field
+// (an angle in degrees with field_type 0, else a height), the normalised
+// pupil point, and the surface the ray is traced to.
+struct RyRay {
+  double field_value, px, py;
+  int field_type;
+  int last_surface;  // 0 or beyond the system: the last surface
+};
+
+// Candidate i of an RY population: the base surfaces with the candidate's
+// curvatures, thicknesses and conics, its glasses at row wave_index, and
+// the y of the real ray that trace_arbitrary_ray launches, without aiming,
+// with the candidate's own entrance pupil radius and position.  A failed
+// ray gives NaN.
+NUVRIX_HD void ry_value_body(int i, SurfaceData const* surfaces, double const* catalog,
+                             int const* material_ids, int wave_count, int wave_index,
+                             RyRay const& ray, double const* curvatures,
+                             double const* thicknesses, double const* conics,
+                             double const* pupil_radii, double const* pupil_positions,
+                             double* results, int n, int population) {
+  if (i >= population) return;
+  double const nan = 0.0 / 0.0;
+  if (n > kMaxSurfaces) {
+    results[i] = nan;  // the candidate's copy holds 256 surfaces
+    return;
+  }
+  SurfaceData own[kMaxSurfaces];
+  double row[kMaxSurfaces];
+  long const base = static_cast<long>(i) * n;
+  for (int k = 0; k < n; ++k) {
+    own[k] = surfaces[k];
+    own[k].curvature = curvatures[base + k];
+    own[k].thickness = thicknesses[base + k];
+    own[k].conic = conics[base + k];
+  }
+  catalogue_row(catalog, wave_count, wave_index, material_ids, n, row);
+  SystemConfig config = {};
+  config.field_type = ray.field_type;
+  RayTraceResult const r =
+      trace_arbitrary_ray(own, n, row, &config, ray.field_value, pupil_radii[i], ray.px, ray.py,
+                          0.0, pupil_positions[i], 0, 0.0, ray.last_surface, 0.0);
+  results[i] = r.valid ? r.y : nan;
 }
 
 }  // namespace kernels

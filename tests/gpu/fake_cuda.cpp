@@ -14,6 +14,7 @@
 #include <list>
 #include <string>
 
+#include "kernels/grid_bodies.cuh"
 #include "kernels/merit_bodies.cuh"
 
 namespace {
@@ -23,7 +24,9 @@ struct Module {
   std::string names;
 };
 int g_outstanding = 0;     // device allocations not yet freed
-std::string g_last_kernel;  // the merit form that ran last
+std::string g_last_kernel;  // the kernel that ran last
+int g_launches = 0;         // launches of the grid kernel
+int g_last_rays = 0;        // rays of the last grid launch
 
 bool mode(char const* m) {
   char const* v = std::getenv("FAKE_CUDA");
@@ -51,6 +54,8 @@ extern "C" {
 
 int fake_cuda_outstanding() { return g_outstanding; }
 char const* fake_cuda_last_kernel() { return g_last_kernel.c_str(); }
+int fake_cuda_grid_launches() { return g_launches; }
+int fake_cuda_last_rays() { return g_last_rays; }
 
 CUresult cuInit(unsigned) { return 0; }
 CUresult cuDriverGetVersion(int* v) {
@@ -151,6 +156,43 @@ CUresult cuLaunchKernel(void* f, unsigned gx, unsigned gy, unsigned gz, unsigned
           device<int const>(params, 2), integer(params, 3), integer(params, 4),
           device<double const>(params, 5), device<double const>(params, 6),
           device<double>(params, 7), integer(params, 8), integer(params, 9));
+    }
+    return 0;
+  }
+  if (name == "nuvrix_trace_grid_kernel") {
+    if (bx != 128) return 1;
+    auto D = [&](int k) { return device<double>(params, k); };
+    nuvrix::kernels::TraceGrid const g = {
+        device<SurfaceData const>(params, 0), integer(params, 1), device<double const>(params, 2),
+        device<double const>(params, 3), device<SystemConfig const>(params, 4),
+        device<FieldData const>(params, 5), device<int const>(params, 6),
+        device<int const>(params, 7), device<double const>(params, 8),
+        device<double const>(params, 9), device<double const>(params, 10),
+        *static_cast<double*>(params[11]), *static_cast<double*>(params[12]), D(13), D(14),
+        D(15), device<int>(params, 16), device<int const>(params, 17), D(18), D(19), D(20),
+        D(21), D(22), D(23), D(24), D(25), D(26), D(27), device<int const>(params, 28), D(29),
+        D(30), D(31), integer(params, 32), device<double const>(params, 33),
+        integer(params, 34)};
+    for (int i = 0; i < threads; ++i) nuvrix::kernels::trace_grid_body(i, g);
+    g_last_kernel = name;
+    ++g_launches;
+    g_last_rays = integer(params, 34);
+    return 0;
+  }
+  if (name == "nuvrix_ry_value_kernel") {
+    if (bx != 256) return 1;
+    nuvrix::kernels::RyRay const ray = {*static_cast<double*>(params[5]),
+                                        *static_cast<double*>(params[6]),
+                                        *static_cast<double*>(params[7]), integer(params, 8),
+                                        integer(params, 17)};
+    for (int i = 0; i < threads; ++i) {
+      nuvrix::kernels::ry_value_body(
+          i, device<SurfaceData const>(params, 0), device<double const>(params, 1),
+          device<int const>(params, 2), integer(params, 3), integer(params, 4), ray,
+          device<double const>(params, 9), device<double const>(params, 10),
+          device<double const>(params, 11), device<double const>(params, 12),
+          device<double const>(params, 13), device<double>(params, 14), integer(params, 15),
+          integer(params, 16));
     }
     return 0;
   }

@@ -16,7 +16,9 @@
 
 #include "api/nuvrix.h"
 #include "gpu/cuda_loader.hpp"
+#include "first_order/aim_robust.hpp"
 #include "tests/systems.hpp"
+#include "trace/front_ends.hpp"
 
 #ifndef NUVRIX_LIBRARY_FILE
 #error "NUVRIX_LIBRARY_FILE names the built library"
@@ -235,6 +237,50 @@ TEST(GpuLoader, EflPopulationMatchesTheCpu) {
       ASSERT_EQ(results[i], efl(s.data(), n, row.data())) << i;
     }
   }
+  // The real-ray heights of the same population at a field angle and a
+  // field height, and to an inner surface: the y of trace_arbitrary_ray.
+  using RunRy = int (*)(SurfaceData const*, int, double const*, int, int, int, int const*, double,
+                        double, double, int, double const*, double const*, double const*,
+                        double const*, double const*, double*, int, int, void*, long);
+  RunRy const run_ry = copy.fn<RunRy>(
+      "_ZN6nuvrix3gpu17cuda_run_ry_valueEPK11SurfaceDataiPKdiiiPKidddiS5_S5_S5_S5_S5_PdiiPvl");
+  auto trace = copy.fn<RayTraceResult (*)(SurfaceData const*, int32_t, double const*,
+                                          SystemConfig const*, int32_t, int32_t, double, double,
+                                          double, double, double, double, double)>(
+      "nuvrix_trace_arbitrary_ray");
+  ASSERT_NE(run_ry, nullptr);
+  long const ry_bytes = copy.fn<long (*)(int, int)>(
+      "_ZN6nuvrix3gpu26cuda_ry_value_scratch_sizeEii")(population, n);
+  void* ry_scratch = nullptr;
+  ASSERT_EQ(alloc(ry_bytes, &ry_scratch), 0);
+  std::vector<double> conic(curv.size(), -0.2), radii(population), positions(population);
+  for (int i = 0; i < population; ++i) radii[i] = 10.0 + 0.01 * i, positions[i] = 11.0 - 0.02 * i;
+  struct RyCase {
+    double field;
+    int field_type, last;
+  } const ry_cases[] = {{14.0, 0, 0}, {14.0, 1, 0}, {20.0, 0, 4}};
+  for (RyCase const& c : ry_cases) {
+    ASSERT_EQ(run_ry(base.surfaces.data(), n, cat, 2, waves, 1, ids.data(), c.field, 0.3, -0.8,
+                     c.field_type, curv.data(), thick.data(), conic.data(), radii.data(),
+                     positions.data(), results.data(), population, c.last, ry_scratch, ry_bytes),
+              0);
+    for (int i = 0; i < population; ++i) {
+      std::vector<SurfaceData> s = base.surfaces;
+      std::vector<double> row(n, 1.0);
+      for (int k = 0; k < n; ++k) {
+        s[k].curvature = curv[i * n + k];
+        s[k].conic = -0.2;
+        if (ids[k] >= 0) row[k] = catalog[ids[k] * waves + 1];
+      }
+      SystemConfig cfg = {};
+      cfg.field_type = c.field_type;
+      RayTraceResult const r = trace(s.data(), n, row.data(), &cfg, 0, c.last, c.field, radii[i],
+                                     0.3, -0.8, 0.0, positions[i], 0.0);
+      ASSERT_TRUE(r.valid) << i;
+      ASSERT_EQ(results[i], r.y) << i;
+    }
+  }
+  EXPECT_EQ(release(ry_scratch), 0);
   // The checks in their order: sizes, an empty population, pointers and
   // scratch, a glass beyond the catalogue.
   double* out = results.data();
@@ -428,4 +474,232 @@ TEST(GpuLoader, MeritPopulationMatchesTheCpu) {
     EXPECT_EQ(release(d_catalog), 0);
     EXPECT_EQ(outstanding(), 0);
   }
+}
+
+namespace {
+
+// The caller's workspace of gpu_evaluate_merit_value: host arrays of
+// `capacity` entries and a device block for that many rays.
+struct Workspace {
+  std::vector<int32_t> ints[5];
+  std::vector<double> doubles[20];
+  GpuTraceScratch s = {};
+  Workspace(int capacity, void* device, long bytes) {
+    for (auto& v : ints) v.assign(capacity, 0);
+    for (auto& v : doubles) v.assign(capacity, 0.0);
+    int32_t** ip[5] = {&s.field_indices, &s.wave_indices, &s.ray_kinds, &s.surface_indices,
+                       &s.valid_flags};
+    double** dp[20] = {&s.hy_values, &s.px_values, &s.py_values, &s.x,        &s.y,
+                       &s.z,         &s.l,         &s.m,         &s.n,        &s.optical_path,
+                       &s.launch_x,  &s.launch_y,  &s.launch_z,  &s.launch_l, &s.launch_m,
+                       &s.launch_n,  &s.normal_x,  &s.normal_y,  &s.normal_z, &s.stop_radii};
+    for (int k = 0; k < 5; ++k) *ip[k] = ints[k].data();
+    for (int k = 0; k < 20; ++k) *dp[k] = doubles[k].data();
+    s.capacity = capacity;
+    s.device_scratch = device;
+    s.device_scratch_bytes = bytes;
+  }
+};
+
+template <typename F>
+F fake(char const* name) {
+  return reinterpret_cast<F>(dlsym(dlopen("libcuda.so", RTLD_NOW | RTLD_NOLOAD), name));
+}
+
+}  // namespace
+
+// The grid kernel's rays, with their full records, aim and stopping
+// surfaces, against the front end that the CPU traces them with.
+TEST(GpuLoader, TraceGridFollowsTheFrontEnd) {
+  std::vector<std::string> const all = all_kernels();
+  Copy copy("", &all);
+  ASSERT_EQ(copy.init(), 0);
+  nuvrix_test::System const sys = nuvrix_test::cooke_triplet();
+  int const n = sys.count(), R = 7, F = 2;
+  std::vector<double> table(sys.indices);
+  for (double v : sys.indices) table.push_back(v + 0.01 * (v > 1.0));  // a second row
+  double const waves[2] = {0.5876, 0.4861};
+  std::vector<FieldData> fields = {{0.0, 0.0, 0.0}, {14.0, 0.0, 3.0}};
+  SystemConfig config = {};
+  config.stop_surface = nuvrix_test::kCookeStop;
+  config.aperture_value = 12.5;
+  int field_idx[R] = {0, 1, 1, 0, 1, 1, 0}, wave_idx[R] = {0, 0, 1, 1, 0, 1, 0};
+  int kinds[R] = {0, 1, 1, 0, 1, 1, 1}, surfaces_to[R] = {0, 0, 3, 0, 2, 0, 1};
+  double px[R] = {0.0, 0.3, -0.5, 0.7, 0.0, 0.2, 0.9}, py[R] = {1.0, 0.8, 0.5, 0.0, -1.0, 0.1, 0.0};
+  double stops[R] = {0.0, 4.0, 4.2, 0.0, 4.0, 4.4, 3.9};
+  double const field_table[8] = {0.0, 0.0, 12.5, 11.0, 10.0, -2.0, 12.0, 9.0};
+  using Full = decltype(&nuvrix_gpu_run_trace_grid_full);
+  Full const grid = copy.fn<Full>("nuvrix_gpu_run_trace_grid_full");
+  long const bytes = copy.fn<long (*)(int, int, int, int)>("nuvrix_gpu_trace_grid_scratch_size")(
+      n, 2, F, R);
+  void* scratch = nullptr;
+  ASSERT_EQ(copy.fn<int32_t (*)(long, void**)>("nuvrix_gpu_alloc_device")(bytes, &scratch), 0);
+  // Plain; aimed with given stop radii; aimed with a field table; aimed
+  // again with the lists kept from the last call.
+  for (int variant = 0; variant < 4; ++variant) {
+    bool const aim = variant >= 1, with_table = variant == 2;
+    double out[16][R];
+    int valid[R];
+    for (auto& row : out) std::fill(row, row + R, -9.0);
+    double const R0 = 12.5, ep = 11.0;
+    ASSERT_EQ(grid(sys.surfaces.data(), n, table.data(), 2, waves, &config, fields.data(), F,
+                   field_idx, wave_idx, px, py, with_table ? field_table : nullptr, R0, ep,
+                   out[0], out[1], out[2], valid, R, scratch, bytes, variant == 3, kinds, out[3],
+                   out[4], out[5], out[6], out[7], out[8], out[9], out[10], out[11], out[12],
+                   surfaces_to, out[13], out[14], out[15], aim ? 1 : 0,
+                   variant == 1 ? stops : nullptr),
+              0);
+    for (int r = 0; r < R; ++r) {
+      double const* row = table.data() + wave_idx[r] * n;
+      FieldData const& f = fields[field_idx[r]];
+      double const* t = field_table + 4 * field_idx[r];
+      double const fy = with_table ? t[0] : f.field_y, fx = with_table ? t[1] : f.field_x;
+      double const radius = with_table ? t[2] : R0, pos = with_table ? t[3] : ep;
+      double const stop = !aim ? 0.0 : variant == 1 ? stops[r]
+                                 : nuvrix::aim_stop_radius(sys.surfaces.data(), n, row, &config,
+                                                           radius);
+      RayState st[2];
+      RayTraceResult const want = nuvrix::trace_arbitrary_ray_full(
+          sys.surfaces.data(), n, row, &config, fy, radius, px[r], py[r],
+          waves[wave_idx[r]] * 1000.0, pos, aim ? 1 : 0, stop, surfaces_to[r], st, 2, fx);
+      ASSERT_TRUE(want.valid) << variant << " " << r;
+      bool const full = kinds[r] == 1;
+      double const expect[16] = {want.x, want.y, want.phase_waves, full ? want.z : 0.0,
+                                 full ? want.l : 0.0, full ? want.m : 0.0, full ? want.n : 0.0,
+                                 full ? st[1].x : 0.0, full ? st[1].y : 0.0,
+                                 full ? st[1].z : 0.0, full ? st[0].l : 0.0,
+                                 full ? st[0].m : 0.0, full ? st[0].n : 1.0,
+                                 full ? want.nx : 0.0, full ? want.ny : 0.0,
+                                 full ? want.nz : 0.0};
+      EXPECT_EQ(valid[r], 1);
+      for (int k = 0; k < 16; ++k) ASSERT_EQ(out[k][r], expect[k]) << variant << " " << r << " " << k;
+    }
+  }
+  // The checks: a row out of range, an empty grid, a short scratch; and a
+  // side file without the grid kernel.
+  double o[R];
+  int v[R];
+  auto plain = copy.fn<decltype(&nuvrix_gpu_run_trace_grid)>("nuvrix_gpu_run_trace_grid");
+  wave_idx[3] = 2;
+  EXPECT_EQ(plain(sys.surfaces.data(), n, table.data(), 2, waves, &config, fields.data(), F,
+                  field_idx, wave_idx, px, py, nullptr, 12.5, 11.0, o, o, o, v, R, scratch, bytes,
+                  0), -8);
+  wave_idx[3] = 1;
+  EXPECT_EQ(plain(sys.surfaces.data(), n, table.data(), 2, waves, &config, fields.data(), F,
+                  field_idx, wave_idx, px, py, nullptr, 12.5, 11.0, o, o, o, v, 0, nullptr, 0, 0),
+            0);
+  EXPECT_EQ(plain(sys.surfaces.data(), n, table.data(), 2, waves, &config, fields.data(), F,
+                  field_idx, wave_idx, px, py, nullptr, 12.5, 11.0, o, o, o, v, R, scratch,
+                  bytes - 1, 0), -3);
+  EXPECT_EQ(copy.fn<int32_t (*)(void*)>("nuvrix_gpu_free_device")(scratch), 0);
+  std::vector<std::string> no_grid(all.begin(), all.end() - 1);
+  Copy without("", &no_grid);
+  ASSERT_EQ(without.init(), 0);
+  EXPECT_EQ(without.fn<decltype(&nuvrix_gpu_run_trace_grid)>("nuvrix_gpu_run_trace_grid")(
+                sys.surfaces.data(), n, table.data(), 2, waves, &config, fields.data(), F,
+                field_idx, wave_idx, px, py, nullptr, 12.5, 11.0, o, o, o, v, R,
+                reinterpret_cast<void*>(64), bytes, 0),
+            -9);
+  EXPECT_EQ(outstanding(), 0);
+}
+
+// The merit with its rays from the device equals the merit of the CPU: the
+// rays on defined fields go in one launch, each once and as many as fit,
+// and every case of the fallback list runs no kernel.
+TEST(GpuLoader, MeritWithDeviceRaysEqualsTheCpu) {
+  std::vector<std::string> const all = all_kernels();
+  Copy copy("", &all);
+  ASSERT_EQ(copy.init(), 0);
+  auto launches = fake<int (*)()>("fake_cuda_grid_launches");
+  auto last_rays = fake<int (*)()>("fake_cuda_last_rays");
+  auto evaluate = copy.fn<decltype(&nuvrix_evaluate_merit)>("nuvrix_evaluate_merit");
+  auto on_device =
+      copy.fn<decltype(&nuvrix_gpu_evaluate_merit_value)>("nuvrix_gpu_evaluate_merit_value");
+  nuvrix_test::System base = nuvrix_test::cooke_triplet();
+  int const n = base.count();
+  // Fields whose normalised values are exact, so that the device's field
+  // equals the CPU's scaled one to the bit.
+  std::vector<FieldData> const fields = {{0.0, 0.0, 0.0}, {10.0, 0.0, 0.0}, {20.0, 0.0, 0.0}};
+  struct Op {
+    unsigned code;
+    double hy, px, py;
+    int wave, surface;
+  } const list[] = {{71, 0.5, 0.0, 0.7, 1, 0},  {70, 1.0, 0.5, 0.0, 0, 0},
+                    {73, 1.0, 0.0, -0.7, 1, 0}, {71, 0.5, 0.0, 0.7, 1, 0},
+                    {69, 0.5, 0.0, 1.0, -1, 0}, {74, 1.0, 0.0, 1.0, 1, 3},
+                    {71, 0.3, 0.0, 0.5, 1, 0},  {50, 0.0, 0.0, 0.0, 1, 0}};
+  std::vector<MeritOperandDesc> ops;
+  for (Op const& o : list) {
+    MeritOperandDesc op = {};
+    op.type = o.code, op.hy = o.hy, op.px = o.px, op.py = o.py, op.wave = o.wave;
+    op.surface = o.surface, op.group_id = -1, op.weight = 1.0, op.scale = 1.0;
+    ops.push_back(op);
+  }
+  // Rays: 1, 1, 2 (with its chief), 0 (the same again), 3 (the OPD ray and
+  // the chief twice, one of them already there: 2 new), 2 (the index rises
+  // at surface 3: also the ray to surface 2), 0 (off every field).
+  int const distinct = 1 + 1 + 2 + 0 + 2 + 2 + 0;
+  std::vector<double> waves = {0.4861, 0.5876, 0.6563};
+  std::vector<double> table;
+  for (int w = 0; w < 3; ++w) {
+    for (int k = 0; k < n; ++k) table.push_back(base.indices[k] + (base.indices[k] > 1.0) * 0.01 * (1 - w));
+  }
+  long const bytes = copy.fn<long (*)(int, int, int, int)>("nuvrix_gpu_trace_grid_scratch_size")(
+      n, 65, 3, 16);
+  void* device = nullptr;
+  ASSERT_EQ(copy.fn<int32_t (*)(long, void**)>("nuvrix_gpu_alloc_device")(bytes, &device), 0);
+  int const O = static_cast<int>(ops.size());
+  struct Case {
+    char const* what;
+    int aiming, capacity, thin_lens, wave_count, want_rays;
+  } const cases[] = {
+      {"no aim", 0, 16, 0, 3, distinct},
+      {"aimed", 1, 16, 0, 3, distinct},
+      {"aimed, room for four", 1, 4, 0, 3, 4},
+      {"a thin lens", 0, 16, 1, 3, -1},
+      {"no workspace", 0, 0, 0, 3, -1},
+      {"aimed at 65 wavelengths", 1, 16, 0, 65, -1},
+      {"65 wavelengths without aim", 0, 16, 0, 65, distinct},
+  };
+  for (Case const& c : cases) {
+    SystemConfig config = {};
+    config.stop_surface = nuvrix_test::kCookeStop;
+    config.aperture_value = 12.5;
+    config.primary_wavelength = 1;
+    config.ray_aiming = c.aiming;
+    std::vector<SurfaceData> s = base.surfaces;
+    if (c.thin_lens != 0) s[n - 2].type = 2, s[n - 2].focal_length = 1e6;
+    std::vector<double> w = waves, t = table;
+    for (int k = 3; k < c.wave_count; ++k) {
+      w.push_back(0.5876);
+      t.insert(t.end(), table.begin() + n, table.begin() + 2 * n);
+    }
+    std::vector<MeritResult> r_cpu(O), r_dev(O);
+    std::vector<double> res_cpu(2 * O, 0.0), res_dev(2 * O, 0.0);
+    int slots_cpu = -1, slots_dev = -1;
+    double m_cpu = -1.0, m_dev = -2.0;
+    int const u_cpu = evaluate(s.data(), n, t.data(), w.data(), c.wave_count, &config,
+                               fields.data(), 3, ops.data(), O, r_cpu.data(), res_cpu.data(),
+                               &slots_cpu, &m_cpu);
+    Workspace ws(c.capacity > 0 ? c.capacity : 1, device, bytes);
+    ws.s.capacity = c.capacity;
+    int const before = launches();
+    int const u_dev = on_device(s.data(), n, t.data(), w.data(), c.wave_count, &config,
+                                fields.data(), 3, ops.data(), O, r_dev.data(), res_dev.data(),
+                                &slots_dev, &m_dev, &ws.s, 0);
+    EXPECT_EQ(launches() - before, c.want_rays < 0 ? 0 : 1) << c.what;
+    if (c.want_rays >= 0) {
+      EXPECT_EQ(last_rays(), c.want_rays) << c.what;
+    }
+    EXPECT_EQ(u_dev, u_cpu) << c.what;
+    EXPECT_EQ(slots_dev, slots_cpu) << c.what;
+    EXPECT_EQ(m_dev, m_cpu) << c.what;
+    EXPECT_EQ(res_dev, res_cpu) << c.what;
+    for (int k = 0; k < O; ++k) {
+      EXPECT_EQ(r_dev[k].value, r_cpu[k].value) << c.what << " " << k;
+      EXPECT_EQ(r_dev[k].status, r_cpu[k].status) << c.what << " " << k;
+    }
+  }
+  EXPECT_EQ(copy.fn<int32_t (*)(void*)>("nuvrix_gpu_free_device")(device), 0);
+  EXPECT_EQ(outstanding(), 0);
 }
