@@ -598,6 +598,14 @@ int32_t nuvrix_gpu_run_trace_grid_full(
       launch_n, surface_indices, normal_x, normal_y, normal_z, aim, stop_radii);
 }
 
+int32_t nuvrix_gpu_run_trace_microbench(int32_t use_f64, int32_t ray_count,
+                                        int32_t surface_count, int32_t pass_count,
+                                        int32_t iterations, double* elapsed_ms,
+                                        double* checksum) {
+  return nuvrix::gpu::cuda_run_trace_microbench(use_f64, ray_count, surface_count, pass_count,
+                                                iterations, elapsed_ms, checksum);
+}
+
 int32_t nuvrix_gpu_evaluate_merit_value(const SurfaceData* surfaces, int32_t n,
                                         const double* index_table, const double* wavelengths,
                                         int32_t wave_count, const SystemConfig* config,

@@ -1176,6 +1176,18 @@ int32_t nuvrix_gpu_run_trace_grid_full(
     double* launch_m, double* launch_n, const int32_t* surface_indices, double* normal_x,
     double* normal_y, double* normal_z, int32_t aim, const double* stop_radii);
 
+/* Times the device's trace arithmetic in double (use_f64 nonzero) or float:
+ * ray_count rays, each through surface_count spheres (held to 1 .. 256)
+ * pass_count times, in iterations launches (at least 1) after one warm-up
+ * launch.  elapsed_ms gets the wall time of those launches, checksum the
+ * first ray's result (both zeroed first).  Status: 0; -3 for ray_count or
+ * pass_count below 1; -1 no set-up; -2 no context; -4 the kernel is
+ * absent; -5 no buffer; -6 a launch failed; -7 a synchronise failed. */
+int32_t nuvrix_gpu_run_trace_microbench(int32_t use_f64, int32_t ray_count,
+                                        int32_t surface_count, int32_t pass_count,
+                                        int32_t iterations, double* elapsed_ms,
+                                        double* checksum);
+
 /* The host's workspace of nuvrix_gpu_evaluate_merit_value: every array
  * holds capacity entries, and device_scratch is a device block of
  * device_scratch_bytes, at least nuvrix_gpu_trace_grid_scratch_size(n,

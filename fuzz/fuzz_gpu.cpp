@@ -163,5 +163,14 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   if (nuvrix_gpu_free_device(nullptr) != 0) broken("free of null");
   population_merit(in, status);
   trace_grid(in, status);
+  // The microbenchmark: outputs zeroed first, -3 before the device.
+  int32_t rays = 0, surfaces = 0, passes = 0, iterations = 0;
+  in.count(rays, 64), in.any_int(surfaces), in.count(passes, 4), in.count(iterations, 2);
+  double ms = -1.0, sum = -1.0;
+  int32_t const bench = nuvrix_gpu_run_trace_microbench(in.u8() & 1, rays, surfaces, passes,
+                                                        iterations, &ms, &sum);
+  int32_t const bench_want = (rays < 1 || passes < 1) ? -3 : status != 0 ? -1 : bench;
+  if (bench != bench_want) broken("microbench status");
+  if (bench != 0 && (ms != 0.0 || sum != 0.0)) broken("microbench outputs not zeroed");
   return 0;
 }

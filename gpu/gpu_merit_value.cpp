@@ -1,6 +1,7 @@
 // Scratch layouts of the value paths and the fill count of the merit kernel.
 #include "gpu/gpu_merit_value.hpp"
 
+#include <chrono>
 #include <climits>
 
 #include "gpu/cuda_loader.hpp"
@@ -420,6 +421,77 @@ int cuda_run_trace_grid(SurfaceData const* surfaces, int n, double const* index_
     }
   }
   return 0;
+}
+
+namespace {
+
+// The timed part of the microbenchmark on a buffer that exists: 0, -6 or -7.
+int time_microbench(CUfunction kernel, CUdeviceptr buffer, int ray_count, int surface_count,
+                    int pass_count, int iterations, int use_f64, double* elapsed_ms,
+                    double* checksum) {
+  void* params[4] = {&buffer, &ray_count, &surface_count, &pass_count};
+  unsigned const grid = static_cast<unsigned>((static_cast<long>(ray_count) + 127) / 128);
+  auto launch = [&] {
+    CUresult const r =
+        g_api.cuLaunchKernel(kernel, grid, 1, 1, 128, 1, 1, 0, nullptr, params, nullptr);
+    if (r != kCudaSuccess) g_last_cu_error = r;
+    return r == kCudaSuccess;
+  };
+  auto wait = [&] {
+    CUresult const r = g_api.cuCtxSynchronize();
+    if (r != kCudaSuccess) g_last_cu_error = r;
+    return r == kCudaSuccess;
+  };
+  if (!launch()) return -6;
+  if (!wait()) return -7;
+  auto const start = std::chrono::steady_clock::now();
+  for (int k = 0; k < iterations; ++k) {
+    if (!launch()) return -6;
+  }
+  if (!wait()) return -7;
+  auto const stop = std::chrono::steady_clock::now();
+  if (elapsed_ms != nullptr) {
+    *elapsed_ms = std::chrono::duration<double, std::milli>(stop - start).count();
+  }
+  if (checksum != nullptr) {
+    double first64 = 0.0;
+    float first32 = 0.0f;
+    void* first = use_f64 != 0 ? static_cast<void*>(&first64) : static_cast<void*>(&first32);
+    CUresult const r = g_api.cuMemcpyDtoH_v2(first, buffer, use_f64 != 0 ? 8 : 4);
+    if (r != kCudaSuccess) {
+      g_last_cu_error = r;
+      return -7;
+    }
+    *checksum = use_f64 != 0 ? first64 : static_cast<double>(first32);
+  }
+  return 0;
+}
+
+}  // namespace
+
+int cuda_run_trace_microbench(int use_f64, int ray_count, int surface_count, int pass_count,
+                              int iterations, double* elapsed_ms, double* checksum) {
+  if (elapsed_ms != nullptr) *elapsed_ms = 0.0;
+  if (checksum != nullptr) *checksum = 0.0;
+  if (ray_count < 1 || pass_count < 1) return -3;
+  if (iterations < 1) iterations = 1;
+  surface_count = surface_count < 1 ? 1 : (surface_count > 256 ? 256 : surface_count);
+  int const entered = detail::enter_device();
+  if (entered != 0) return entered;
+  CUfunction const kernel =
+      use_f64 != 0 ? state().trace_microbench_f64 : state().trace_microbench_f32;
+  if (kernel == nullptr) return -4;
+  CUdeviceptr buffer = 0;
+  size_t const bytes = static_cast<size_t>(ray_count) * (use_f64 != 0 ? 8 : 4);
+  CUresult const r = g_api.cuMemAlloc_v2(&buffer, bytes);
+  if (r != kCudaSuccess) {
+    g_last_cu_error = r;
+    return -5;
+  }
+  int const ran = time_microbench(kernel, buffer, ray_count, surface_count, pass_count,
+                                  iterations, use_f64, elapsed_ms, checksum);
+  g_api.cuMemFree_v2(buffer);
+  return ran;
 }
 
 int cuda_merit_value_fill_count() {

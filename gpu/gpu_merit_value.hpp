@@ -99,6 +99,17 @@ int cuda_run_trace_grid(SurfaceData const* surfaces, int n, double const* index_
                         int const* surface_indices, double* normal_x, double* normal_y,
                         double* normal_z, int aim, double const* stop_radii);
 
+// Times the trace microbenchmark kernel of the precision use_f64 picks:
+// ray_count rays through surface_count surfaces (held to 1 .. 256),
+// pass_count times each, one warm-up launch and then `iterations` (at
+// least 1) launches between two clock readings.  elapsed_ms gets the time
+// of those launches, checksum the first ray's result; both are zeroed
+// first.  0; -3 for ray_count or pass_count below 1; -1, -2 as the other
+// calls; -4 without the kernel; -5 when the buffer cannot be allocated; -6
+// for a failed launch, -7 for a failed synchronise or read-back.
+int cuda_run_trace_microbench(int use_f64, int ray_count, int surface_count, int pass_count,
+                              int iterations, double* elapsed_ms, double* checksum);
+
 // The population that fills the device with the merit kernel: the
 // multiprocessors times the blocks of 64 threads each can hold, times 64;
 // 0 without a set-up, the kernel, the occupancy query or a context.

@@ -5,3 +5,4 @@
 #include "kernels/value.cu"
 #include "kernels/merit.cu"
 #include "kernels/grid.cu"
+#include "kernels/microbench.cu"

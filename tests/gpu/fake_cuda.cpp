@@ -15,6 +15,7 @@
 #include <string>
 
 #include "kernels/grid_bodies.cuh"
+#include "kernels/microbench_bodies.cuh"
 #include "kernels/merit_bodies.cuh"
 
 namespace {
@@ -156,6 +157,20 @@ CUresult cuLaunchKernel(void* f, unsigned gx, unsigned gy, unsigned gz, unsigned
           device<int const>(params, 2), integer(params, 3), integer(params, 4),
           device<double const>(params, 5), device<double const>(params, 6),
           device<double>(params, 7), integer(params, 8), integer(params, 9));
+    }
+    return 0;
+  }
+  if (name == "nuvrix_trace_microbench_f32" || name == "nuvrix_trace_microbench_f64") {
+    if (bx != 128) return 1;
+    for (int i = 0; i < threads; ++i) {
+      if (name.back() == '2') {
+        nuvrix::kernels::microbench_body<float>(i, device<float>(params, 0), integer(params, 1),
+                                                integer(params, 2), integer(params, 3));
+      } else {
+        nuvrix::kernels::microbench_body<double>(i, device<double>(params, 0),
+                                                 integer(params, 1), integer(params, 2),
+                                                 integer(params, 3));
+      }
     }
     return 0;
   }

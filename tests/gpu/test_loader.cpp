@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
@@ -702,4 +703,46 @@ TEST(GpuLoader, MeritWithDeviceRaysEqualsTheCpu) {
   }
   EXPECT_EQ(copy.fn<int32_t (*)(void*)>("nuvrix_gpu_free_device")(device), 0);
   EXPECT_EQ(outstanding(), 0);
+}
+
+// The microbenchmark: its codes, a freed buffer on every path, and its
+// checksum: through one surface a ray parallel to the axis keeps its
+// height, so ray 0 sums -(1 + 1e-3 p) over the passes; through many the
+// two precisions agree to float rounding.
+TEST(GpuLoader, MicrobenchTimesAndChecks) {
+  std::vector<std::string> const all = all_kernels();
+  auto bench = [](Copy const& c) {
+    return c.fn<decltype(&nuvrix_gpu_run_trace_microbench)>("nuvrix_gpu_run_trace_microbench");
+  };
+  {
+    Copy copy("", &all);
+    ASSERT_EQ(copy.init(), 0);
+    double ms = -1.0, sum = -1.0, sum32 = -1.0;
+    ASSERT_EQ(bench(copy)(1, 300, 0, 4, 0, &ms, &sum), 0);  // one surface, one iteration
+    EXPECT_GE(ms, 0.0);
+    EXPECT_NEAR(sum, -(4.0 + 1e-3 * 6.0), 1e-13);
+    ASSERT_EQ(bench(copy)(1, 300, 40, 3, 2, &ms, &sum), 0);
+    ASSERT_EQ(bench(copy)(0, 300, 40, 3, 2, &ms, &sum32), 0);
+    EXPECT_NE(sum, sum32);
+    EXPECT_NEAR(sum32, sum, 1e-4 * std::fabs(sum));
+    EXPECT_EQ(bench(copy)(1, 0, 40, 3, 2, &ms, &sum), -3);
+    EXPECT_EQ(ms, 0.0);
+    EXPECT_EQ(sum, 0.0);
+    EXPECT_EQ(bench(copy)(1, 10, 40, 0, 2, nullptr, nullptr), -3);
+    EXPECT_EQ(outstanding(), 0);
+  }
+  std::vector<std::string> no_f64(all);
+  no_f64.erase(std::find(no_f64.begin(), no_f64.end(), "nuvrix_trace_microbench_f64"));
+  struct Case {
+    char const* mode;
+    std::vector<std::string> const* kernels;
+    int want;
+  } const cases[] = {{"", &no_f64, -4}, {"allocfail", &all, -5}, {"launchfail", &all, -6},
+                     {"syncfail", &all, -7}};
+  for (Case const& c : cases) {
+    Copy copy(c.mode, c.kernels);
+    ASSERT_EQ(copy.init(), 0);
+    EXPECT_EQ(bench(copy)(1, 10, 4, 1, 1, nullptr, nullptr), c.want) << c.mode;
+    EXPECT_EQ(outstanding(), 0) << c.mode;
+  }
 }
