@@ -67,5 +67,6 @@ int main(int argc, char** argv) {
   lensfile::print_encircled_energy(lens);
   lensfile::print_field_curves(lens);
   lensfile::print_merit(lens);
+  lensfile::print_device(lens);
   return 0;
 }
