@@ -6,3 +6,4 @@
 #include "kernels/merit.cu"
 #include "kernels/grid.cu"
 #include "kernels/microbench.cu"
+#include "kernels/jacobian.cu"

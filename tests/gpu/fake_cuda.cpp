@@ -15,6 +15,7 @@
 #include <string>
 
 #include "kernels/grid_bodies.cuh"
+#include "kernels/jacobian_bodies.cuh"
 #include "kernels/microbench_bodies.cuh"
 #include "kernels/merit_bodies.cuh"
 
@@ -171,6 +172,17 @@ CUresult cuLaunchKernel(void* f, unsigned gx, unsigned gy, unsigned gz, unsigned
                                                  integer(params, 1), integer(params, 2),
                                                  integer(params, 3));
       }
+    }
+    return 0;
+  }
+  if (name == "nuvrix_efl_jacobian_kernel") {
+    if (bx != 256) return 1;
+    for (int i = 0; i < threads; ++i) {
+      nuvrix::kernels::efl_jacobian_body(
+          i, device<SurfaceData const>(params, 0), integer(params, 1),
+          device<double const>(params, 2), device<int const>(params, 3), integer(params, 4),
+          device<double const>(params, 5), device<double const>(params, 6),
+          device<double>(params, 7), device<double>(params, 8), integer(params, 9));
     }
     return 0;
   }

@@ -746,3 +746,82 @@ TEST(GpuLoader, MicrobenchTimesAndChecks) {
     EXPECT_EQ(outstanding(), 0) << c.mode;
   }
 }
+
+// The focal-length Jacobian of a population over ten curvature variables
+// (two passes of slots) equals the CPU's analytic Jacobian of an EFL
+// operand, candidate by candidate; factors scale each derivative.
+TEST(GpuLoader, EflJacobianMatchesTheCpuAnalyticRows) {
+  std::vector<std::string> const all = all_kernels();
+  Copy copy("", &all);
+  ASSERT_EQ(copy.init(), 0);
+  nuvrix_test::System const sys = nuvrix_test::make_system(
+      {0.0, 30.0, -200.0, 25.0, 60.0, -40.0, 35.0, -22.0, 80.0, 50.0, -90.0, 0.0},
+      {1e10, 4.0, 1.0, 3.0, 2.0, 4.0, 6.0, 2.0, 1.0, 3.0, 40.0, 0.0},
+      {1.0, 1.6, 1.0, 1.62, 1.0, 1.58, 1.0, 1.65, 1.0, 1.52, 1.0, 1.0});
+  int const n = sys.count(), V = 10, C = 40;
+  std::vector<int> surfaces_of(V);
+  std::vector<MeritVariableDesc> vars(V);
+  for (int v = 0; v < V; ++v) {
+    surfaces_of[v] = v + 1;
+    vars[v] = MeritVariableDesc{};
+    vars[v].kind = 0, vars[v].surface = v + 1;
+  }
+  std::vector<double> values(static_cast<size_t>(C) * V), factors(values.size(), 2.0);
+  for (int i = 0; i < C; ++i) {
+    for (int v = 0; v < V; ++v) {
+      values[i * V + v] = sys.surfaces[v + 1].curvature * (1.0 + 0.01 * ((i + 3 * v) % 7 - 3));
+    }
+  }
+  auto run = copy.fn<int (*)(SurfaceData const*, int, double const*, int const*, int,
+                             double const*, double const*, double*, double*, int)>(
+      "_ZN6nuvrix3gpu21cuda_run_efl_jacobianEPK11SurfaceDataiPKdPKiiS5_S5_PdS8_i");
+  ASSERT_NE(run, nullptr);
+  std::vector<double> results(C), rows(values.size()), scaled(values.size());
+  ASSERT_EQ(run(sys.surfaces.data(), n, sys.row(0), surfaces_of.data(), V, values.data(), nullptr,
+                results.data(), rows.data(), C),
+            0);
+  ASSERT_EQ(run(sys.surfaces.data(), n, sys.row(0), surfaces_of.data(), V, values.data(),
+                factors.data(), results.data(), scaled.data(), C),
+            0);
+  auto jacobian = copy.fn<decltype(&nuvrix_evaluate_merit_and_jacobian)>(
+      "nuvrix_evaluate_merit_and_jacobian");
+  SystemConfig config = {};
+  config.stop_surface = 5;
+  config.aperture_value = 10.0;
+  FieldData const field = {0.0, 0.0, 0.0};
+  double const wave = 0.5876;
+  MeritOperandDesc op = {};
+  op.type = 50, op.weight = 1.0, op.group_id = -1, op.wave = -1;
+  for (int i = 0; i < C; ++i) {
+    std::vector<SurfaceData> s = sys.surfaces;
+    for (int v = 0; v < V; ++v) s[v + 1].curvature = values[i * V + v];
+    MeritResult result[1];
+    double residuals[2], jac[2 * V], merit = 0.0, sd = 0.0, a = 0.0, b = 0.0;
+    SurfaceData work[12];
+    FieldData work_field[1];
+    MeritResult thread_result[1];
+    double thread_residuals[2];
+    int slots = 0, sd_rows = 0;
+    ASSERT_EQ(jacobian(s.data(), n, sys.indices.data(), &wave, 1, &config, &field, 1, &op, 1,
+                       vars.data(), V, nullptr, 0, 1, 0, 1, result, residuals, work, work_field,
+                       thread_result, thread_residuals, jac, &slots, &merit, &sd, &sd_rows, &a, &b,
+                       nullptr),
+              0);
+    ASSERT_EQ(results[i], residuals[0]) << i;
+    for (int v = 0; v < V; ++v) {
+      ASSERT_EQ(rows[i * V + v], jac[v]) << i << " " << v;
+      ASSERT_EQ(scaled[i * V + v], 2.0 * jac[v]) << i << " " << v;
+    }
+  }
+  // Sizes and variable surfaces out of range; an empty population.
+  EXPECT_EQ(run(sys.surfaces.data(), 1, sys.row(0), surfaces_of.data(), V, values.data(), nullptr,
+                results.data(), rows.data(), C), -8);
+  EXPECT_EQ(run(sys.surfaces.data(), n, sys.row(0), surfaces_of.data(), 65, values.data(),
+                nullptr, results.data(), rows.data(), C), -8);
+  EXPECT_EQ(run(sys.surfaces.data(), n, sys.row(0), surfaces_of.data(), V, values.data(), nullptr,
+                results.data(), rows.data(), 0), 0);
+  surfaces_of[3] = n;
+  EXPECT_EQ(run(sys.surfaces.data(), n, sys.row(0), surfaces_of.data(), V, values.data(), nullptr,
+                results.data(), rows.data(), C), -8);
+  EXPECT_EQ(outstanding(), 0);
+}
