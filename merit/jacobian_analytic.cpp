@@ -9,6 +9,7 @@
 #include <type_traits>
 
 #include "first_order/semi_diameter.hpp"
+#include "merit/dual_launch.hpp"
 #include "merit/dual_system.hpp"
 #include "merit/jacobian_operands.hpp"
 #include "merit/merit_function.hpp"
@@ -20,11 +21,9 @@ namespace nuvrix {
 namespace {
 
 using detail::val;
-using RayD = RayStateT<JDual>;
 
 constexpr int kAnalyticMaxOperands = 2048;  // dual results held on the stack
 constexpr int kDualIndexEntries = 2048;     // dual index rows: eight rows of 256 surfaces
-constexpr double kAimDeterminantGuard = 1e-30;
 constexpr double kAimFieldLimit = 70.0;  // degrees: the largest field of the robust aim
 
 // ---------------------------------------------------------------------------
@@ -183,13 +182,6 @@ void fill_pass(DualArrays& a, SurfaceData const* s, int n, MeritVariableDesc con
   }
 }
 
-// Keeps the plain value and takes the slots of `slots`.
-JDual with_slots(double value, JDual const& slots) {
-  JDual r = slots;
-  r.value = value;
-  return r;
-}
-
 // ---------------------------------------------------------------------------
 // Dual rays
 
@@ -281,59 +273,6 @@ RayD trace_dual(Pass<U>& p, U const* row, RayD launch, int last, double waveleng
                                a.coefficients, capture_b, a.focal_lengths);
 }
 
-RayD make_launch(JDual const& x, JDual const& y, JDual const& l, JDual const& m,
-                 JDual const& nn) {
-  RayD r;
-  r.x = x, r.y = y, r.z = JDual(0.0);
-  r.l = l, r.m = m, r.n = nn;
-  r.nx = r.ny = r.nz = r.sag_path = r.opl = JDual(0.0);
-  r.status = 0;
-  return r;
-}
-
-// The launch of the general front end over dual numbers: the same cases
-// and steps as the plain one.
-RayD dual_launch(SystemConfig const& cfg, JDual const& t0, double field_y, double field_x,
-                 JDual const& R, double px, double py, JDual const& ep) {
-  auto normalised = [](JDual const& a, JDual const& b, JDual const& c, JDual& l, JDual& m,
-                       JDual& nn) {
-    JDual const len = sqrt(detail::dot3(a, b, c, a, b, c));
-    l = a / len, m = b / len, nn = c / len;
-  };
-  JDual x(0.0), y(0.0), l(0.0), m(0.0), nn(1.0);
-  if (!detail::is_infinite_distance(val(t0))) {
-    if (cfg.telecentric_object != 0) {
-      JDual const D = t0 + kTelecentricDistance;
-      JDual const a = px * R / D, b = py * R / D;
-      JDual const w = 1.0 / sqrt(1.0 + a * a + b * b);
-      return make_launch(JDual(field_x), JDual(field_y), a * w, b * w, w);
-    }
-    if (cfg.field_type != 0) {
-      JDual const d = t0 + ep;
-      JDual const dx = field_x - px * R, dy = field_y - py * R;
-      JDual const len = sqrt(detail::dot3(dx, dy, d, dx, dy, d));
-      return make_launch(JDual(field_x), JDual(field_y), -dx / len, -dy / len, d / len);
-    }
-    double const tx = tan(field_x * kDegToRad), ty = tan(field_y * kDegToRad);
-    JDual const d = t0 + ep;
-    normalised(tx + px * R / d, ty + py * R / d, JDual(1.0), l, m, nn);
-    return make_launch(-tx * d, -ty * d, l, m, nn);
-  }
-  x = px * R;
-  y = py * R;
-  if (cfg.field_type == 0) {
-    normalised(JDual(tan(field_x * kDegToRad)), JDual(tan(field_y * kDegToRad)), JDual(1.0), l,
-               m, nn);
-    if (val(ep) != 0.0 && fabs(val(nn)) > kTiny) {
-      x = x + (-ep) * l / nn;
-      y = y + (-ep) * m / nn;
-    }
-  }
-  if (cfg.ray_aiming == 2 && fabs(val(nn)) < kAimSteepRay) x = y = JDual(0.0);
-  return make_launch(x, y, l, m, nn);
-}
-
-
 // The radius that the real marginal ray fills at the stop, with slots
 // where that ray passes; the plain fallbacks carry none.
 template <typename U>
@@ -342,25 +281,6 @@ JDual dual_stop_radius(Pass<U>& p, U const* row, JDual const& pupil_radius, doub
   RayD const r = trace_dual(p, row, launch, p.config->stop_surface, 0.0, -1, nullptr, nullptr, -1);
   if (r.status != 0) return JDual(plain);
   return with_slots(plain, fabs(r.y));
-}
-
-// Moves the slots of an aimed launch onto the aimed solution: with G the
-// miss at the stop against the target (px R, py R), the launch coordinates
-// u obey G(u, p) = 0, so du/dp = -(dG/du)^-1 dG/dp.  Slots 8 and 9 hold
-// dG/du; they are cleared afterwards.
-void correct_aimed(JDual& u1, JDual& u2, RayD const& at_stop, JDual const& R, double px,
-                   double py) {
-  JDual const& X = at_stop.x;
-  JDual const& Y = at_stop.y;
-  double const D = X.d[kAimSlotX] * Y.d[kAimSlotY] - X.d[kAimSlotY] * Y.d[kAimSlotX];
-  if (fabs(D) >= kAimDeterminantGuard) {
-    for (int k = 0; k < kPassVariables; ++k) {
-      double const gx = X.d[k] - px * R.d[k], gy = Y.d[k] - py * R.d[k];
-      u1.d[k] += -(Y.d[kAimSlotY] * gx - X.d[kAimSlotY] * gy) / D;
-      u2.d[k] += -(X.d[kAimSlotX] * gy - Y.d[kAimSlotX] * gx) / D;
-    }
-  }
-  u1.d[kAimSlotX] = u1.d[kAimSlotY] = u2.d[kAimSlotX] = u2.d[kAimSlotY] = 0.0;
 }
 
 // The launch of the ray of (field, pupil point) on `row`, aimed as the
