@@ -6,6 +6,8 @@
 #pragma once
 
 #include "first_order/aim.hpp"
+#include "first_order/aim_robust.hpp"
+#include "first_order/paraxial.hpp"
 #include "first_order/paraxial_solve.hpp"
 #include "merit/dual_system.hpp"
 #include "trace/front_ends.hpp"
@@ -92,6 +94,88 @@ NUVRIX_HD void correct_aimed(JDual& u1, JDual& u2, RayD const& at_stop, JDual co
     }
   }
   u1.d[kAimSlotX] = u1.d[kAimSlotY] = u2.d[kAimSlotX] = u2.d[kAimSlotY] = 0.0;
+}
+
+// The plain aim of the ray of (field, pupil point) on `row`, as the front
+// end aims it: u gets the launch direction (l, m, n) of a finite object or
+// the launch point (x, y, 0) of an object at infinity.  False when the aim
+// fails, and for the robust aim of a ray launched backwards, which is not
+// differentiated.
+NUVRIX_HD bool aim_plain_launch(SurfaceData const* surfaces, int n, double const* row,
+                                SystemConfig const& cfg, double field_y, double field_x,
+                                double pupil_radius, double ep, double stop_radius, double px,
+                                double py, double u[3]) {
+  detail::Launch const s =
+      detail::fe_launch(surfaces, cfg, field_y, field_x, pupil_radius, px, py, ep);
+  int const stop = cfg.stop_surface;
+  double const t0 = surfaces[0].thickness;
+  if (!detail::is_infinite_distance(t0)) {
+    double const z_aim = t0 + ep;
+    double const x_aim = s.x + s.l * z_aim / s.n, y_aim = s.y + s.m * z_aim / s.n;
+    AimFiniteResult const a = aim_to_stop_finite(surfaces, n, row, s.x, s.y, x_aim, y_aim,
+                                                 z_aim, px, py, stop_radius, stop);
+    u[0] = a.l, u[1] = a.m, u[2] = a.n;
+    return a.converged;
+  }
+  if (cfg.ray_aiming == 2 && s.n < 0.0) return false;
+  AimToStopResult const a = aim_to_stop(surfaces, n, row, s.x, s.y, s.l, s.m, s.n, px, py,
+                                        stop_radius, stop, cfg.ray_aiming == 2 ? 1 : 0);
+  u[0] = a.x, u[1] = a.y, u[2] = 0.0;
+  return a.converged;
+}
+
+// Seeds slots 8 and 9 on the coordinates that the plain aim solved: the
+// launch direction (l, m) of a finite object, whose n follows, or the launch
+// point (x, y) of an object at infinity.
+NUVRIX_HD void seed_aimed_launch(RayD& launch, bool finite, double u1, double u2, double n_dir) {
+  if (finite) {
+    launch.l = make_variable<10>(u1, kAimSlotX);
+    launch.m = make_variable<10>(u2, kAimSlotY);
+    launch.n = with_slots(n_dir, sqrt(1.0 - launch.l * launch.l - launch.m * launch.m));
+  } else {
+    launch.x = make_variable<10>(u1, kAimSlotX);
+    launch.y = make_variable<10>(u2, kAimSlotY);
+  }
+}
+
+// Keeps a seeded aimed launch on its aimed solution, from the dual ray at
+// the stop and the dual stop radius R.
+NUVRIX_HD void follow_aimed_launch(RayD& launch, bool finite, RayD const& at_stop,
+                                   JDual const& R, double px, double py) {
+  if (finite) {
+    correct_aimed(launch.l, launch.m, at_stop, R, px, py);
+    JDual const nn = sqrt(1.0 - launch.l * launch.l - launch.m * launch.m);
+    launch.n = with_slots(launch.n.value, nn);
+  } else {
+    correct_aimed(launch.x, launch.y, at_stop, R, px, py);
+  }
+}
+
+// The paraxial marginal launch height of the aperture on `row`, with `ep`
+// the entrance pupil position and `plain` its plain value: constant for an
+// entrance pupil diameter, from the focal length for an F-number, from the
+// pupil's distance for a numerical aperture.
+template <typename U>
+NUVRIX_HD JDual dual_pupil_radius_t(SystemConfig const& cfg, JDual const* curvatures,
+                                    JDual const* thicknesses, U const* row,
+                                    SurfaceData const* surfaces, int n,
+                                    JDual const* focal_lengths, U const (*matrices)[8],
+                                    JDual const& ep, double plain) {
+  double const A = cfg.aperture_value;
+  if (cfg.aperture_type == 0) return JDual(plain);
+  if (cfg.aperture_type == 1) {
+    JDual const f = calculate_efl_abcd_t<JDual, U>(curvatures, thicknesses, row, surfaces, n,
+                                                   focal_lengths, matrices);
+    return with_slots(plain, fabs(f) / (2.0 * A));
+  }
+  double n0 = n > 0 ? detail::val(row[0]) : 1.0;
+  if (n0 < 1e-6) n0 = 1.0;
+  double const s = fabs(A) / n0;
+  double const tan_u =
+      s >= 1.0 ? kNaSineClamp / sqrt(kNaClampRootRadicand) : s / sqrt(1.0 - s * s);
+  JDual const distance =
+      thicknesses[0] + (cfg.telecentric_object != 0 ? JDual(kTelecentricPupil) : ep);
+  return with_slots(plain, fabs(distance) * tan_u);
 }
 
 }  // namespace nuvrix

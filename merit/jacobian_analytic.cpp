@@ -292,29 +292,14 @@ bool aimed_launch(Pass<U>& p, U const* row, double const* plain_row, RayFrame co
   JDual const& t0 = p.a->thicknesses[0];
   launch = dual_launch(cfg, t0, field_y, field_x, f.pupil_radius, px, py, f.ep);
   if (!(f.aim_flag != 0 && f.plain_stop_radius > 0.0)) return true;
-  detail::Launch const s = detail::fe_launch(p.surfaces, cfg, field_y, field_x,
-                                             f.plain_pupil_radius, px, py, f.plain_ep);
-  int const stop = cfg.stop_surface;
-  double const t0v = p.surfaces[0].thickness;
-  bool const finite = !detail::is_infinite_distance(t0v);
-  if (finite) {
-    double const z_aim = t0v + f.plain_ep;
-    double const x_aim = s.x + s.l * z_aim / s.n, y_aim = s.y + s.m * z_aim / s.n;
-    AimFiniteResult const a = aim_to_stop_finite(p.surfaces, p.n, plain_row, s.x, s.y, x_aim,
-                                                 y_aim, z_aim, px, py, f.plain_stop_radius, stop);
-    if (!a.converged) return false;
-    launch.l = make_variable<10>(a.l, kAimSlotX);
-    launch.m = make_variable<10>(a.m, kAimSlotY);
-    launch.n = with_slots(a.n, sqrt(1.0 - launch.l * launch.l - launch.m * launch.m));
-  } else {
-    if (cfg.ray_aiming == 2 && s.n < 0.0) return false;  // the robust aim: not differentiated
-    AimToStopResult const a = aim_to_stop(p.surfaces, p.n, plain_row, s.x, s.y, s.l, s.m, s.n,
-                                          px, py, f.plain_stop_radius, stop,
-                                          cfg.ray_aiming == 2 ? 1 : 0);
-    if (!a.converged) return false;
-    launch.x = make_variable<10>(a.x, kAimSlotX);
-    launch.y = make_variable<10>(a.y, kAimSlotY);
+  double u[3];
+  if (!aim_plain_launch(p.surfaces, p.n, plain_row, cfg, field_y, field_x, f.plain_pupil_radius,
+                        f.plain_ep, f.plain_stop_radius, px, py, u)) {
+    return false;
   }
+  bool const finite = !detail::is_infinite_distance(p.surfaces[0].thickness);
+  seed_aimed_launch(launch, finite, u[0], u[1], u[2]);
+  int const stop = cfg.stop_surface;
   RayD const at_stop = trace_dual(p, row, launch, stop, 0.0, -1, nullptr, nullptr, -1);
   if (at_stop.status != 0) return false;
   if (!p.follow_aim) {
@@ -324,13 +309,7 @@ bool aimed_launch(Pass<U>& p, U const* row, double const* plain_row, RayFrame co
     launch.n = JDual(val(launch.n));
     return true;
   }
-  if (finite) {
-    correct_aimed(launch.l, launch.m, at_stop, f.stop_radius, px, py);
-    JDual const nn = sqrt(1.0 - launch.l * launch.l - launch.m * launch.m);
-    launch.n = with_slots(val(launch.n), nn);
-  } else {
-    correct_aimed(launch.x, launch.y, at_stop, f.stop_radius, px, py);
-  }
+  follow_aimed_launch(launch, finite, at_stop, f.stop_radius, px, py);
   return true;
 }
 
@@ -400,29 +379,15 @@ JDual dual_entrance_pupil(Pass<U>& p, U const* row) {
 // the entrance pupil position; `plain` is its value.
 template <typename U>
 JDual dual_pupil_radius(Pass<U>& p, U const* row, JDual const& ep, double plain) {
-  SystemConfig const& cfg = *p.config;
-  double const A = cfg.aperture_value;
-  if (cfg.aperture_type == 0) return JDual(plain);
   DualArrays const& a = *p.a;
-  if (cfg.aperture_type == 1) {
-    U const (*matrices)[8] = nullptr;
-    if constexpr (std::is_same<U, double>::value) {
-      matrices = a.plain_coefficients;
-    } else {
-      matrices = a.coefficients;
-    }
-    JDual const f = calculate_efl_abcd_t<JDual, U>(a.curvatures, a.thicknesses, row, p.surfaces,
-                                                   p.n, a.focal_lengths, matrices);
-    return with_slots(plain, fabs(f) / (2.0 * A));
+  U const (*matrices)[8] = nullptr;
+  if constexpr (std::is_same<U, double>::value) {
+    matrices = a.plain_coefficients;
+  } else {
+    matrices = a.coefficients;
   }
-  double n0 = p.n > 0 ? val(row[0]) : 1.0;
-  if (n0 < 1e-6) n0 = 1.0;
-  double const s = fabs(A) / n0;
-  double const tan_u =
-      s >= 1.0 ? kNaSineClamp / sqrt(kNaClampRootRadicand) : s / sqrt(1.0 - s * s);
-  JDual const distance =
-      a.thicknesses[0] + (cfg.telecentric_object != 0 ? JDual(kTelecentricPupil) : ep);
-  return with_slots(plain, fabs(distance) * tan_u);
+  return dual_pupil_radius_t<U>(*p.config, a.curvatures, a.thicknesses, row, p.surfaces, p.n,
+                                a.focal_lengths, matrices, ep, plain);
 }
 
 // The frame of the ray that set a semi-diameter: the solve's own pupil,
