@@ -3,6 +3,7 @@
 #include "gpu/gpu_jacobian.hpp"
 
 #include "gpu/cuda_loader.hpp"
+#include "kernels/jacobian_bodies.cuh"
 
 namespace nuvrix {
 namespace gpu {
@@ -89,6 +90,47 @@ int cuda_run_efl_jacobian(SurfaceData const* surfaces, int n, double const* row,
   void* params[10] = {&d_surfaces, &n,         &d_row,     &d_vars,    &variable_count,
                       &d_values,   &d_factors, &d_results, &d_rows,    &count};
   b.run(state().efl_jacobian, static_cast<unsigned>((C + 255) / 256), 256, params);
+  b.back(results, d_results, 8 * C);
+  b.back(rows, d_rows, 8 * C * V);
+  return b.status;
+}
+
+int cuda_run_ry_jacobian(SurfaceData const* surfaces, int n, double const* index_table,
+                         int const* variable_surfaces, int variable_count, double field_y,
+                         double field_x, double const* values, double px, double py,
+                         double aperture_value, int wave_row, int primary_row,
+                         double const* factors, double const* frames, double const* aims,
+                         double const* setup, double* results, double* rows, int count,
+                         int last_surface) {
+  if (n < 2 || n > 256 || variable_count < 1 || variable_count > kMaxVariables) return -8;
+  if (wave_row < 0 || primary_row < 0) return -8;
+  if (count < 1) return 0;
+  if (surfaces == nullptr || index_table == nullptr || variable_surfaces == nullptr ||
+      values == nullptr || frames == nullptr || aims == nullptr || setup == nullptr ||
+      results == nullptr || rows == nullptr) {
+    return -3;
+  }
+  if (!variables_in_range(variable_surfaces, variable_count, n)) return -8;
+  int const stop = static_cast<int>(setup[3]);
+  if (stop < 1 || stop > n - 1 || last_surface < 0 || last_surface > n - 1) return -8;
+  int const entered = detail::enter_device();
+  if (entered != 0) return entered;
+  g_last_cu_error = 0;
+  long const N = n, V = variable_count, C = count;
+  long const W = (wave_row > primary_row ? wave_row : primary_row) + 1;  // rows read
+  Buffers b;
+  CUdeviceptr d_surfaces = b.with(surfaces, 200 * N), d_table = b.with(index_table, 8 * N * W);
+  CUdeviceptr d_vars = b.with(variable_surfaces, 4 * V), d_values = b.with(values, 8 * C * V);
+  CUdeviceptr d_factors = b.with(factors, 8 * C * V), d_frames = b.with(frames, 24 * C);
+  CUdeviceptr d_aims = b.with(aims, 24 * C), d_setup = b.with(setup, 48);
+  CUdeviceptr d_results = b.make(8 * C), d_rows = b.make(8 * C * V);
+  CUdeviceptr d_work = b.make(kernels::ray_jacobian_work_bytes(n) * C);
+  void* params[22] = {&d_surfaces, &n,          &d_table,    &d_vars,      &variable_count,
+                      &field_y,    &field_x,    &d_values,   &px,          &py,
+                      &aperture_value, &wave_row, &primary_row, &d_factors, &d_frames,
+                      &d_aims,     &d_setup,    &d_results,  &d_rows,      &count,
+                      &last_surface, &d_work};
+  b.run(state().ry_jacobian, static_cast<unsigned>((C + 63) / 64), 64, params);
   b.back(results, d_results, 8 * C);
   b.back(rows, d_rows, 8 * C * V);
   return b.status;

@@ -24,5 +24,29 @@ int cuda_run_efl_jacobian(SurfaceData const* surfaces, int n, double const* row,
                           double const* values, double const* factors, double* results,
                           double* rows, int count);
 
+// A real-ray coordinate: RAY_X or RAY_Y at last_surface (0: the image),
+// and TRANSVERSE_X or TRANSVERSE_Y before their centroid is taken out.
+// The ray is (field_y, field_x), already scaled as the merit scales hy and
+// hx, and the pupil point (px, py), on row wave_row of index_table (which
+// holds at least the rows up to wave_row and primary_row, n each); the
+// pupil and its position belong to primary_row.  The host gives for each
+// candidate i its plain first order, frames[3i ..]: the entrance pupil
+// radius, its position, and the stop radius of the ray's row (0 without
+// aiming); and with aiming the plain aim of the ray, aims[3i ..], as
+// aim_plain_launch finds it (NaN first for a failed aim).  setup holds the
+// configuration as six numbers: field type, aperture type, ray aiming,
+// stop surface, telecentric object, and the coordinate (0 x, 1 y); the
+// aperture value is a scalar of its own.  The kernel differentiates the
+// launch through the pupil and keeps an aimed launch on its aim, as the
+// CPU's analytic Jacobian does.  results[i] is the coordinate, NaN with a
+// row of zeros when the ray fails.
+int cuda_run_ry_jacobian(SurfaceData const* surfaces, int n, double const* index_table,
+                         int const* variable_surfaces, int variable_count, double field_y,
+                         double field_x, double const* values, double px, double py,
+                         double aperture_value, int wave_row, int primary_row,
+                         double const* factors, double const* frames, double const* aims,
+                         double const* setup, double* results, double* rows, int count,
+                         int last_surface);
+
 }  // namespace gpu
 }  // namespace nuvrix

@@ -186,6 +186,20 @@ CUresult cuLaunchKernel(void* f, unsigned gx, unsigned gy, unsigned gz, unsigned
     }
     return 0;
   }
+  if (name == "nuvrix_ry_jacobian_kernel") {
+    if (bx != 64) return 1;
+    auto D = [&](int k) { return *static_cast<double*>(params[k]); };
+    nuvrix::kernels::RayJacobianArgs const a = {
+        device<SurfaceData const>(params, 0), integer(params, 1), device<double const>(params, 2),
+        device<int const>(params, 3), integer(params, 4), D(5), D(6),
+        device<double const>(params, 7), D(8), D(9), D(10), integer(params, 11),
+        integer(params, 12), device<double const>(params, 13), device<double const>(params, 14),
+        device<double const>(params, 15), device<double const>(params, 16),
+        device<double>(params, 17), device<double>(params, 18), integer(params, 19),
+        integer(params, 20), device<void>(params, 21)};
+    for (int i = 0; i < threads; ++i) nuvrix::kernels::ry_jacobian_body(i, a);
+    return 0;
+  }
   if (name == "nuvrix_trace_grid_kernel") {
     if (bx != 128) return 1;
     auto D = [&](int k) { return device<double>(params, k); };

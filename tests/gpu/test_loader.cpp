@@ -18,6 +18,8 @@
 #include "api/nuvrix.h"
 #include "gpu/cuda_loader.hpp"
 #include "first_order/aim_robust.hpp"
+#include "merit/dual_launch.hpp"
+#include "merit/merit_context.hpp"
 #include "tests/systems.hpp"
 #include "trace/front_ends.hpp"
 
@@ -823,5 +825,102 @@ TEST(GpuLoader, EflJacobianMatchesTheCpuAnalyticRows) {
   surfaces_of[3] = n;
   EXPECT_EQ(run(sys.surfaces.data(), n, sys.row(0), surfaces_of.data(), V, values.data(), nullptr,
                 results.data(), rows.data(), C), -8);
+  EXPECT_EQ(outstanding(), 0);
+}
+
+// The real-ray Jacobian of a population, with and without aiming, at a
+// wavelength other than the primary one, equals the CPU's analytic rows
+// of RAY_X and RAY_Y for each candidate, from the first order and the aim
+// that the host finds for it.
+TEST(GpuLoader, RayJacobianMatchesTheCpuAnalyticRows) {
+  std::vector<std::string> const all = all_kernels();
+  Copy copy("", &all);
+  ASSERT_EQ(copy.init(), 0);
+  nuvrix_test::System const sys = nuvrix_test::cooke_triplet();
+  int const n = sys.count(), V = 6, C = 30, W = 3;
+  std::vector<double> table;
+  for (int w = 0; w < W; ++w) {
+    for (int k = 0; k < n; ++k) table.push_back(sys.indices[k] + (sys.indices[k] > 1.0) * 0.01 * (1 - w));
+  }
+  double const waves[W] = {0.4861, 0.5876, 0.6563};
+  std::vector<FieldData> const fields = {{0.0, 0.0, 0.0}, {14.0, 0.0, 0.0}, {20.0, 0.0, 0.0}};
+  std::vector<int> surfaces_of(V);
+  std::vector<MeritVariableDesc> vars(V);
+  for (int v = 0; v < V; ++v) {
+    surfaces_of[v] = v + 1;
+    vars[v] = MeritVariableDesc{};
+    vars[v].kind = 0, vars[v].surface = v + 1;
+  }
+  std::vector<double> values(static_cast<size_t>(C) * V);
+  for (int i = 0; i < C; ++i) {
+    for (int v = 0; v < V; ++v) {
+      values[i * V + v] = sys.surfaces[v + 1].curvature * (1.0 + 0.004 * ((i + 3 * v) % 7 - 3));
+    }
+  }
+  using Run = int (*)(SurfaceData const*, int, double const*, int const*, int, double, double,
+                      double const*, double, double, double, int, int, double const*,
+                      double const*, double const*, double const*, double*, double*, int, int);
+  Run const run = copy.fn<Run>(
+      "_ZN6nuvrix3gpu20cuda_run_ry_jacobianEPK11SurfaceDataiPKdPKiiddS5_dddiiS5_S5_S5_S5_PdS8_ii");
+  ASSERT_NE(run, nullptr);
+  auto jacobian = copy.fn<decltype(&nuvrix_evaluate_merit_and_jacobian)>(
+      "nuvrix_evaluate_merit_and_jacobian");
+  double const px = 0.3, py = 0.7;
+  for (int aiming = 0; aiming < 2; ++aiming) {
+    SystemConfig config = {};
+    config.stop_surface = nuvrix_test::kCookeStop;
+    config.aperture_value = 12.5;
+    config.primary_wavelength = 1;
+    config.ray_aiming = aiming;
+    std::vector<double> frames(3 * C), aims(3 * C, 0.0);
+    for (int i = 0; i < C; ++i) {
+      std::vector<SurfaceData> s = sys.surfaces;
+      for (int v = 0; v < V; ++v) s[v + 1].curvature = values[i * V + v];
+      nuvrix::MeritContext const ctx =
+          nuvrix::build_context(s.data(), n, table.data(), W, &config, fields.data(), 3);
+      double const* row = table.data() + 2 * n;
+      frames[3 * i] = ctx.pupil_radius, frames[3 * i + 1] = ctx.entrance_pupil_position;
+      frames[3 * i + 2] = aiming != 0 ? nuvrix::aim_stop_radius(s.data(), n, row, &config,
+                                                                 ctx.pupil_radius)
+                                      : 0.0;
+      if (aiming != 0) {
+        ASSERT_TRUE(nuvrix::aim_plain_launch(s.data(), n, row, config, 20.0, 0.0, frames[3 * i],
+                                             frames[3 * i + 1], frames[3 * i + 2], px, py,
+                                             &aims[3 * i]));
+      }
+    }
+    for (int coordinate = 0; coordinate < 2; ++coordinate) {
+      double const setup[6] = {0.0, 0.0, static_cast<double>(aiming),
+                               static_cast<double>(config.stop_surface), 0.0,
+                               static_cast<double>(coordinate)};
+      std::vector<double> results(C), rows(static_cast<size_t>(C) * V);
+      ASSERT_EQ(run(sys.surfaces.data(), n, table.data(), surfaces_of.data(), V, 20.0, 0.0,
+                    values.data(), px, py, 12.5, 2, 1, nullptr, frames.data(), aims.data(), setup,
+                    results.data(), rows.data(), C, 0),
+                0);
+      MeritOperandDesc op = {};
+      op.type = static_cast<unsigned>(coordinate), op.weight = 1.0, op.group_id = -1;
+      op.wave = 2, op.hy = 1.0, op.px = px, op.py = py;
+      for (int i = 0; i < C; ++i) {
+        std::vector<SurfaceData> s = sys.surfaces;
+        for (int v = 0; v < V; ++v) s[v + 1].curvature = values[i * V + v];
+        MeritResult result[1], thread_result[1];
+        double residuals[2], thread_residuals[2], jac[2 * V], merit = 0.0, sd = 0.0, a = 0.0,
+                                                                b = 0.0;
+        SurfaceData work[8];
+        FieldData work_fields[3];
+        int slots = 0, sd_rows = 0;
+        ASSERT_EQ(jacobian(s.data(), n, table.data(), waves, W, &config, fields.data(), 3, &op,
+                           1, vars.data(), V, nullptr, 0, 1, 0, 1, result, residuals, work,
+                           work_fields, thread_result, thread_residuals, jac, &slots, &merit, &sd,
+                           &sd_rows, &a, &b, nullptr),
+                  0);
+        ASSERT_EQ(results[i], residuals[0]) << aiming << coordinate << " " << i;
+        for (int v = 0; v < V; ++v) {
+          ASSERT_EQ(rows[i * V + v], jac[v]) << aiming << coordinate << " " << i << " " << v;
+        }
+      }
+    }
+  }
   EXPECT_EQ(outstanding(), 0);
 }
