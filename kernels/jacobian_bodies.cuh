@@ -148,73 +148,82 @@ NUVRIX_HD RayDuals ray_duals(void* work, int n) {
   return r;
 }
 
-NUVRIX_HD RayD trace_duals(RayJacobianArgs const& a, RayDuals const& s, double const* row,
+// What one pass of a differentiated ray needs besides the dual system: the
+// plain records, the index table, the configuration, and the ray itself
+// with the plain first order and aim the host found for its candidate.
+struct RayPassInput {
+  SurfaceData const* surfaces;
+  int n;
+  double const* index_table;
+  int primary_row;
+  SystemConfig cfg;
+  double field_y, field_x, px, py;
+  int row, last_surface;
+  double pupil_radius, pupil_position, stop_radius;  // plain; stop radius 0: no aim
+  double const* aim;                                 // three numbers, NaN first: failed
+};
+
+NUVRIX_HD RayD trace_duals(RayPassInput const& r, RayDuals const& s, double const* row,
                            RayD const& launch, int last) {
-  return trace_ray_t<JDual, double>(a.surfaces, a.n, s.curvatures, s.thicknesses, s.conics, row,
+  return trace_ray_t<JDual, double>(r.surfaces, r.n, s.curvatures, s.thicknesses, s.conics, row,
                                     launch, 1, last, 0.0, -1, nullptr, nullptr, s.coefficients,
                                     -1, s.focal_lengths);
 }
 
-// One pass of candidate i's ray: the launch over dual numbers from the
-// pupil and its position with their slots, aimed as the host aimed it and
-// kept on the aim, then the trace.  False when the ray fails.
-NUVRIX_HD bool ray_jacobian_pass(RayJacobianArgs const& a, int i, SystemConfig const& cfg,
-                                 RayDuals const& s, JDual& value) {
-  int const n = a.n;
-  double const* frame = a.frames + 3L * i;
-  double const* aim = a.aims + 3L * i;
-  double const* row = a.index_table + static_cast<long>(a.wave_row) * n;
-  double const* prow = a.index_table + static_cast<long>(a.primary_row) * n;
-  bool const infinite = detail::is_infinite_distance(a.surfaces[0].thickness);
+// One pass of a ray: the launch over dual numbers from the pupil and its
+// position with their slots, aimed as the host aimed it and kept on the
+// aim, then the trace.  False when the ray fails.
+NUVRIX_HD bool ray_pass(RayPassInput const& r, RayDuals const& s, RayD& end) {
+  int const n = r.n;
+  SystemConfig const& cfg = r.cfg;
+  double const* row = r.index_table + static_cast<long>(r.row) * n;
+  double const* prow = r.index_table + static_cast<long>(r.primary_row) * n;
+  bool const infinite = detail::is_infinite_distance(r.surfaces[0].thickness);
   bool const constant_ep = cfg.ray_aiming != 0 && (infinite || cfg.field_type != 0);
-  JDual const ep = constant_ep ? JDual(frame[1])
-                               : with_slots(frame[1], compute_entrance_pupil_position_t<JDual, double>(
-                                                          s.curvatures, s.thicknesses, prow,
-                                                          a.surfaces, n, cfg.stop_surface));
-  JDual const R = dual_pupil_radius_t<double>(cfg, s.curvatures, s.thicknesses, prow, a.surfaces,
+  JDual const ep =
+      constant_ep ? JDual(r.pupil_position)
+                  : with_slots(r.pupil_position,
+                               compute_entrance_pupil_position_t<JDual, double>(
+                                   s.curvatures, s.thicknesses, prow, r.surfaces, n,
+                                   cfg.stop_surface));
+  JDual const R = dual_pupil_radius_t<double>(cfg, s.curvatures, s.thicknesses, prow, r.surfaces,
                                               n, s.focal_lengths, s.plain_coefficients, ep,
-                                              frame[0]);
-  RayD launch = dual_launch(cfg, s.thicknesses[0], a.field_y, a.field_x, R, a.px, a.py, ep);
-  if (cfg.ray_aiming != 0 && frame[2] > 0.0) {
-    if (aim[0] != aim[0]) return false;  // the host's aim failed
+                                              r.pupil_radius);
+  RayD launch = dual_launch(cfg, s.thicknesses[0], r.field_y, r.field_x, R, r.px, r.py, ep);
+  if (cfg.ray_aiming != 0 && r.stop_radius > 0.0) {
+    if (r.aim[0] != r.aim[0]) return false;  // the host's aim failed
     RayD const marginal = trace_duals(
-        a, s, row, make_launch(JDual(0.0), R, JDual(0.0), JDual(0.0), JDual(1.0)),
+        r, s, row, make_launch(JDual(0.0), R, JDual(0.0), JDual(0.0), JDual(1.0)),
         cfg.stop_surface);
     JDual const stop_radius =
-        marginal.status != 0 ? JDual(frame[2]) : with_slots(frame[2], fabs(marginal.y));
-    seed_aimed_launch(launch, !infinite, aim[0], aim[1], aim[2]);
-    RayD const at_stop = trace_duals(a, s, row, launch, cfg.stop_surface);
+        marginal.status != 0 ? JDual(r.stop_radius) : with_slots(r.stop_radius, fabs(marginal.y));
+    seed_aimed_launch(launch, !infinite, r.aim[0], r.aim[1], r.aim[2]);
+    RayD const at_stop = trace_duals(r, s, row, launch, cfg.stop_surface);
     if (at_stop.status != 0) return false;
-    follow_aimed_launch(launch, !infinite, at_stop, stop_radius, a.px, a.py);
+    follow_aimed_launch(launch, !infinite, at_stop, stop_radius, r.px, r.py);
   }
-  RayD const end = trace_duals(a, s, row, launch, a.last_surface);
-  if (end.status != 0) return false;
-  value = static_cast<int>(a.setup[5]) == 0 ? end.x : end.y;
-  return true;
+  end = trace_duals(r, s, row, launch, r.last_surface);
+  return end.status == 0;
 }
 
-// Candidate i of a real-ray coordinate (codes 0 and 1, and 70 and 71
-// before their centroid): the value and derivatives of what the CPU's dual
-// ray gives; a failed ray gives NaN and a row of zeros.
-NUVRIX_HD void ry_jacobian_body(int i, RayJacobianArgs const& a) {
-  if (i >= a.count) return;
-  int const n = a.n, V = a.variable_count;
-  long const at = static_cast<long>(i) * V;
-  double* row_out = a.rows + at;
-  for (int v = 0; v < V; ++v) row_out[v] = 0.0;
-  a.results[i] = 0.0 / 0.0;
-  Candidate c;
-  if (!load_candidate(c, a.surfaces, n, a.variable_surfaces, V, a.values + at)) return;
+// The configuration of the ray kernels from its six numbers (field type,
+// aperture type, ray aiming, stop surface, telecentric object, and one
+// more that each kernel reads itself) and the aperture value.
+NUVRIX_HD SystemConfig ray_config(double const* setup, double aperture_value) {
   SystemConfig cfg = {};
-  cfg.field_type = static_cast<int>(a.setup[0]);
-  cfg.aperture_type = static_cast<int>(a.setup[1]);
-  cfg.aperture_value = a.aperture_value;
-  cfg.ray_aiming = static_cast<int>(a.setup[2]);
-  cfg.stop_surface = static_cast<int>(a.setup[3]);
-  cfg.telecentric_object = static_cast<int>(a.setup[4]);
-  RayDuals const s = ray_duals(static_cast<char*>(a.work) + ray_jacobian_work_bytes(n) * i, n);
+  cfg.field_type = static_cast<int>(setup[0]);
+  cfg.aperture_type = static_cast<int>(setup[1]);
+  cfg.aperture_value = aperture_value;
+  cfg.ray_aiming = static_cast<int>(setup[2]);
+  cfg.stop_surface = static_cast<int>(setup[3]);
+  cfg.telecentric_object = static_cast<int>(setup[4]);
+  return cfg;
+}
+
+// The constant part of a candidate's dual system.
+NUVRIX_HD void fill_constant_duals(RayDuals const& s, SurfaceData const* surfaces, int n) {
   for (int k = 0; k < n; ++k) {
-    SurfaceData const& sf = a.surfaces[k];
+    SurfaceData const& sf = surfaces[k];
     s.thicknesses[k] = JDual(sf.thickness);
     s.conics[k] = JDual(sf.conic);
     s.focal_lengths[k] = JDual(sf.focal_length);
@@ -223,20 +232,58 @@ NUVRIX_HD void ry_jacobian_body(int i, RayJacobianArgs const& a) {
       s.plain_coefficients[k][j] = sf.coefficients[j];
     }
   }
-  CurvatureDuals const view = {a.surfaces, n, c.curvatures, c.slots};
-  double const* factors = a.factors != nullptr ? a.factors + at : nullptr;
+}
+
+// The value and row of one item over its candidate's curvature variables:
+// `measure` forms the item's dual value from the dual system of a pass
+// (false: the item failed, NaN and a row of zeros).
+template <typename Measure>
+NUVRIX_HD void differentiate_item(SurfaceData const* surfaces, int n,
+                                  int const* variable_surfaces, int V, double const* values,
+                                  double const* factors, void* work, double& result,
+                                  double* row_out, Measure const& measure) {
+  for (int v = 0; v < V; ++v) row_out[v] = 0.0;
+  result = 0.0 / 0.0;
+  Candidate c;
+  if (!load_candidate(c, surfaces, n, variable_surfaces, V, values)) return;
+  RayDuals const s = ray_duals(work, n);
+  fill_constant_duals(s, surfaces, n);
+  CurvatureDuals const view = {surfaces, n, c.curvatures, c.slots};
   for (int first = 0; first < V || first == 0; first += kPassVariables) {
-    load_pass(c, n, a.variable_surfaces, V, first);
+    load_pass(c, n, variable_surfaces, V, first);
     for (int k = 0; k < n; ++k) s.curvatures[k] = view.curvature(k);
     JDual value;
-    if (!ray_jacobian_pass(a, i, cfg, s, value)) {
+    if (!measure(s, value)) {
       for (int v = 0; v < V; ++v) row_out[v] = 0.0;
-      a.results[i] = 0.0 / 0.0;
+      result = 0.0 / 0.0;
       return;
     }
-    if (first == 0) a.results[i] = value.value;
+    if (first == 0) result = value.value;
     store_slots(value, first, V, factors, row_out);
   }
+}
+
+// Candidate i of a real-ray coordinate (codes 0 and 1, and 70 and 71
+// before their centroid): the value and derivatives of what the CPU's dual
+// ray gives; a failed ray gives NaN and a row of zeros.
+NUVRIX_HD void ry_jacobian_body(int i, RayJacobianArgs const& a) {
+  if (i >= a.count) return;
+  long const at = static_cast<long>(i) * a.variable_count;
+  double const* frame = a.frames + 3L * i;
+  RayPassInput const r = {a.surfaces,  a.n,      a.index_table, a.primary_row,
+                          ray_config(a.setup, a.aperture_value), a.field_y, a.field_x,
+                          a.px,        a.py,     a.wave_row,    a.last_surface,
+                          frame[0],    frame[1], frame[2],      a.aims + 3L * i};
+  bool const y = static_cast<int>(a.setup[5]) != 0;
+  void* work = static_cast<char*>(a.work) + ray_jacobian_work_bytes(a.n) * i;
+  differentiate_item(a.surfaces, a.n, a.variable_surfaces, a.variable_count, a.values + at,
+                     a.factors != nullptr ? a.factors + at : nullptr, work, a.results[i],
+                     a.rows + at, [&](RayDuals const& s, JDual& value) {
+                       RayD end;
+                       if (!ray_pass(r, s, end)) return false;
+                       value = y ? end.y : end.x;
+                       return true;
+                     });
 }
 
 }  // namespace kernels
