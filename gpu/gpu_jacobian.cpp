@@ -136,5 +136,187 @@ int cuda_run_ry_jacobian(SurfaceData const* surfaces, int n, double const* index
   return b.status;
 }
 
+namespace {
+
+constexpr int kMaxEntries = 512;     // ray entries of one call
+constexpr int kMaxGridRows = 65535;  // candidates across the second grid dimension
+
+// The arrays of a run of the entry kernels, on the host.
+struct EntryRun {
+  SurfaceData const* surfaces;
+  int n;
+  double const* index_table;
+  int rows_read;  // rows of the index table the entries and the primary row reach
+  int const* variable_surfaces;
+  int variable_count;
+  double const* values;
+  double const* factors;
+  double const* setup;  // six numbers
+  int primary_row, last_surface;
+  double field_y[kMaxEntries], field_x[kMaxEntries];
+  double const* px;
+  double const* py;
+  int rows[kMaxEntries], coordinates[kMaxEntries];
+  int entry_count;
+  double const* pupil_radii;
+  double const* pupil_positions;
+  double const* stop_radii;
+  int stop_stride;
+  double const* ray_aims;
+  double const* chief_aims;
+  double* results;
+  double* jacobian;
+  int count;
+};
+
+int run_entries(EntryRun const& h, CUfunction kernel, bool two_dimensional) {
+  int const entered = detail::enter_device();
+  if (entered != 0) return entered;
+  g_last_cu_error = 0;
+  long const N = h.n, V = h.variable_count, C = h.count, E = h.entry_count;
+  long const items = C * E;
+  Buffers b;
+  CUdeviceptr d_surfaces = b.with(h.surfaces, 200 * N);
+  CUdeviceptr d_table = b.with(h.index_table, 8 * N * h.rows_read);
+  CUdeviceptr d_vars = b.with(h.variable_surfaces, 4 * V);
+  CUdeviceptr d_values = b.with(h.values, 8 * C * V), d_factors = b.with(h.factors, 8 * C * V);
+  CUdeviceptr d_setup = b.with(h.setup, 48);
+  CUdeviceptr d_fy = b.with(h.field_y, 8 * E), d_fx = b.with(h.field_x, 8 * E);
+  CUdeviceptr d_px = b.with(h.px, 8 * E), d_py = b.with(h.py, 8 * E);
+  CUdeviceptr d_rows = b.with(h.rows, 4 * E), d_coords = b.with(h.coordinates, 4 * E);
+  CUdeviceptr d_radii = b.with(h.pupil_radii, 8 * C);
+  CUdeviceptr d_positions = b.with(h.pupil_positions, 8 * C);
+  CUdeviceptr d_stops = b.with(h.stop_radii, 8 * C * h.stop_stride);
+  CUdeviceptr d_aims = b.with(h.ray_aims, 24 * items);
+  CUdeviceptr d_chief = b.with(h.chief_aims, 24 * items);
+  CUdeviceptr d_results = b.make(8 * items), d_jacobian = b.make(8 * items * V);
+  CUdeviceptr d_work = b.make(kernels::ray_jacobian_work_bytes(h.n) * items);
+  int n = h.n, variable_count = h.variable_count, primary_row = h.primary_row;
+  int last_surface = h.last_surface, entry_count = h.entry_count;
+  int stop_stride = h.stop_stride, count = h.count;
+  void* params[27] = {&d_surfaces, &n,          &d_table,     &d_vars,       &variable_count,
+                      &d_values,   &d_factors,  &d_setup,     &primary_row,  &last_surface,
+                      &d_fy,       &d_fx,       &d_px,        &d_py,         &d_rows,
+                      &d_coords,   &entry_count, &d_radii,    &d_positions,  &d_stops,
+                      &stop_stride, &d_aims,    &d_chief,     &d_results,    &d_jacobian,
+                      &count,      &d_work};
+  // A block of the entries rounded up to a warp; candidates across y, or
+  // every item in a row.
+  unsigned const block = static_cast<unsigned>((E + 31) / 32 * 32);
+  if (b.status == 0) {
+    unsigned const gx = static_cast<unsigned>(two_dimensional ? 1 : (items + block - 1) / block);
+    unsigned const gy = static_cast<unsigned>(two_dimensional ? C : 1);
+    CUresult r =
+        g_api.cuLaunchKernel(kernel, gx, gy, 1, block, 1, 1, 0, nullptr, params, nullptr);
+    if (r != kCudaSuccess) {
+      b.fail(-5, r);
+    } else if ((r = g_api.cuCtxSynchronize()) != kCudaSuccess) {
+      b.fail(-6, r);
+    }
+  }
+  b.back(h.results, d_results, 8 * items);
+  b.back(h.jacobian, d_jacobian, 8 * items * V);
+  return b.status;
+}
+
+// The checks that both entry runners share, before the device.
+int check_entries(SurfaceData const* surfaces, int n, double const* index_table,
+                  int const* variable_surfaces, int variable_count, double const* setup,
+                  int entry_count, int count) {
+  if (n < 2 || n > 256 || variable_count < 1 || variable_count > kMaxVariables) return -8;
+  if (entry_count < 1 || entry_count > kMaxEntries || count > kMaxGridRows) return -8;
+  if (count < 1) return 0;
+  if (surfaces == nullptr || index_table == nullptr || variable_surfaces == nullptr ||
+      setup == nullptr) {
+    return -3;
+  }
+  if (!variables_in_range(variable_surfaces, variable_count, n)) return -8;
+  int const stop = static_cast<int>(setup[3]);
+  if (stop < 1 || stop > n - 1) return -8;
+  return 1;  // go on
+}
+
+}  // namespace
+
+int cuda_run_spot_jacobian(SurfaceData const* surfaces, int n, double const* index_table,
+                           int wave_count, int const* variable_surfaces, int variable_count,
+                           double const* values, double const* setup, double const* field_y,
+                           double const* field_x, int const* entry_fields, int entry_count,
+                           int field_count, double const* px, double const* py,
+                           int const* entry_rows, int const* entry_coordinates, int primary_row,
+                           int last_surface, double const* factors, double const* pupil_radii,
+                           double const* pupil_positions, double const* stop_radii,
+                           double const* ray_aims, double const* chief_aims, double* results,
+                           double* rows, int count, int subtract_chief) {
+  int const checked = check_entries(surfaces, n, index_table, variable_surfaces, variable_count,
+                                    setup, entry_count, count);
+  if (checked != 1) return checked;
+  if (wave_count < 1 || field_count < 1 || primary_row < 0 || primary_row >= wave_count ||
+      last_surface < 0 || last_surface > n - 1) {
+    return -8;
+  }
+  if (values == nullptr || field_y == nullptr || field_x == nullptr || entry_fields == nullptr ||
+      px == nullptr || py == nullptr || entry_rows == nullptr || entry_coordinates == nullptr ||
+      pupil_radii == nullptr || pupil_positions == nullptr || stop_radii == nullptr ||
+      ray_aims == nullptr || (subtract_chief != 0 && chief_aims == nullptr) ||
+      results == nullptr || rows == nullptr) {
+    return -3;
+  }
+  EntryRun h = {};
+  for (int e = 0; e < entry_count; ++e) {
+    int const f = entry_fields[e], w = entry_rows[e];
+    if (f < 0 || f >= field_count || w < 0 || w >= wave_count) return -8;
+    h.field_y[e] = field_y[f], h.field_x[e] = field_x[f];
+    h.rows[e] = w, h.coordinates[e] = entry_coordinates[e];
+  }
+  h.surfaces = surfaces, h.n = n, h.index_table = index_table, h.rows_read = wave_count;
+  h.variable_surfaces = variable_surfaces, h.variable_count = variable_count;
+  h.values = values, h.factors = factors, h.setup = setup;
+  h.primary_row = primary_row, h.last_surface = last_surface;
+  h.px = px, h.py = py, h.entry_count = entry_count;
+  h.pupil_radii = pupil_radii, h.pupil_positions = pupil_positions;
+  h.stop_radii = stop_radii, h.stop_stride = wave_count;
+  h.ray_aims = ray_aims, h.chief_aims = subtract_chief != 0 ? chief_aims : nullptr;
+  h.results = results, h.jacobian = rows, h.count = count;
+  return run_entries(h, state().spot_jacobian, true);
+}
+
+int cuda_run_ry_batched_jacobian(SurfaceData const* surfaces, int n, double const* index_table,
+                                 int const* variable_surfaces, int variable_count,
+                                 double const* values, double const* setup,
+                                 double const* entry_fields, int entry_count, double const* px,
+                                 double const* py, double const* factors, int primary_row,
+                                 int wave_row, double const* pupil_radii,
+                                 double const* pupil_positions, double const* stop_radii,
+                                 double const* aims, double* results, double* rows, int count,
+                                 int const* entry_is_x) {
+  int const checked = check_entries(surfaces, n, index_table, variable_surfaces, variable_count,
+                                    setup, entry_count, count);
+  if (checked != 1) return checked;
+  if (primary_row < 0 || wave_row < 0) return -8;
+  if (values == nullptr || entry_fields == nullptr || px == nullptr || py == nullptr ||
+      pupil_radii == nullptr || pupil_positions == nullptr || stop_radii == nullptr ||
+      aims == nullptr || results == nullptr || rows == nullptr || entry_is_x == nullptr) {
+    return -3;
+  }
+  EntryRun h = {};
+  for (int e = 0; e < entry_count; ++e) {
+    h.field_y[e] = entry_fields[2 * e], h.field_x[e] = entry_fields[2 * e + 1];
+    h.rows[e] = wave_row, h.coordinates[e] = entry_is_x[e] != 0 ? 0 : 1;
+  }
+  h.surfaces = surfaces, h.n = n, h.index_table = index_table;
+  h.rows_read = (wave_row > primary_row ? wave_row : primary_row) + 1;
+  h.variable_surfaces = variable_surfaces, h.variable_count = variable_count;
+  h.values = values, h.factors = factors, h.setup = setup;
+  h.primary_row = primary_row, h.last_surface = 0;
+  h.px = px, h.py = py, h.entry_count = entry_count;
+  h.pupil_radii = pupil_radii, h.pupil_positions = pupil_positions;
+  // One stop radius a candidate, of the one row.
+  h.stop_radii = stop_radii, h.stop_stride = 1;
+  h.ray_aims = aims, h.chief_aims = nullptr;
+  h.results = results, h.jacobian = rows, h.count = count;
+  return run_entries(h, state().ry_batched_jacobian, false);
+}
+
 }  // namespace gpu
 }  // namespace nuvrix

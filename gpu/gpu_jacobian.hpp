@@ -48,5 +48,49 @@ int cuda_run_ry_jacobian(SurfaceData const* surfaces, int n, double const* index
                          double const* setup, double* results, double* rows, int count,
                          int last_surface);
 
+// Many ray entries of every candidate in one launch, on the configuration
+// `setup` (six numbers: field type, aperture type, ray aiming, stop
+// surface, telecentric object, aperture value).  Entry e is field
+// entry_fields[e] of the field table (field_y, field_x: field_count values
+// scaled as the merit scales hy and hx), pupil point (px[e], py[e]), index
+// row entry_rows[e] (of wave_count rows) and coordinate
+// entry_coordinates[e] (0 x, 1 y), traced to last_surface (0: the image);
+// with subtract_chief the chief ray of its field and row is taken off it
+// (TRANSVERSE_X_CHIEF and _Y_CHIEF).  Candidate i brings its plain pupil
+// radius and position, the stop radius of each row (stop_radii, wave_count
+// a candidate, 0 without aiming), and for each entry the host's plain aims
+// (aim_plain_launch's three numbers, NaN first for a failed aim) of the ray
+// (ray_aims) and of the chief ray (chief_aims), entry_count a candidate.
+// results and rows hold count rows of entry_count values and of
+// entry_count x variable_count derivatives; a failed entry gives NaN and
+// zeros.  Blocks of the entries rounded up to a warp, one candidate a row
+// of the grid (at most 65535 candidates, 512 entries).
+int cuda_run_spot_jacobian(SurfaceData const* surfaces, int n, double const* index_table,
+                           int wave_count, int const* variable_surfaces, int variable_count,
+                           double const* values, double const* setup, double const* field_y,
+                           double const* field_x, int const* entry_fields, int entry_count,
+                           int field_count, double const* px, double const* py,
+                           int const* entry_rows, int const* entry_coordinates, int primary_row,
+                           int last_surface, double const* factors, double const* pupil_radii,
+                           double const* pupil_positions, double const* stop_radii,
+                           double const* ray_aims, double const* chief_aims, double* results,
+                           double* rows, int count, int subtract_chief);
+
+// The batched ray kernel: entry_count entries of one index row (wave_row)
+// for every candidate, each a ray coordinate to the image, x where
+// entry_is_x[e] is set and y otherwise; entry_fields holds each entry's
+// scaled field y and x.  One stop radius a candidate (of wave_row), the
+// aims as for the spot runner (no chief rays).  Items run in a row of
+// blocks of the entries rounded up to a warp.
+int cuda_run_ry_batched_jacobian(SurfaceData const* surfaces, int n, double const* index_table,
+                                 int const* variable_surfaces, int variable_count,
+                                 double const* values, double const* setup,
+                                 double const* entry_fields, int entry_count, double const* px,
+                                 double const* py, double const* factors, int primary_row,
+                                 int wave_row, double const* pupil_radii,
+                                 double const* pupil_positions, double const* stop_radii,
+                                 double const* aims, double* results, double* rows, int count,
+                                 int const* entry_is_x);
+
 }  // namespace gpu
 }  // namespace nuvrix

@@ -24,3 +24,46 @@ extern "C" __global__ void nuvrix_ry_jacobian_kernel(
       rows,       count,       last_surface, work};
   nuvrix::kernels::ry_jacobian_body(blockIdx.x * blockDim.x + threadIdx.x, a);
 }
+
+// The entries of the spot and batched ray kernels, as their runners hand
+// them over.
+#define NUVRIX_RAY_ENTRY_PARAMS                                                                \
+  SurfaceData const *surfaces, int n, double const *index_table,                                \
+      int const *variable_surfaces, int variable_count, double const *values,                   \
+      double const *factors, double const *setup, int primary_row, int last_surface,            \
+      double const *field_y, double const *field_x, double const *px, double const *py,         \
+      int const *rows, int const *coordinates, int entry_count, double const *pupil_radii,      \
+      double const *pupil_positions, double const *stop_radii, int stop_stride,                 \
+      double const *ray_aims, double const *chief_aims, double *results, double *jacobian,      \
+      int count, void *work
+
+__device__ nuvrix::kernels::RayEntries ray_entries(NUVRIX_RAY_ENTRY_PARAMS) {
+  return nuvrix::kernels::RayEntries{
+      surfaces,    n,          index_table, variable_surfaces, variable_count,
+      values,      factors,    nuvrix::kernels::ray_config(setup, setup[5]),
+      primary_row, last_surface, field_y,   field_x,           px,
+      py,          rows,       coordinates, entry_count,       pupil_radii,
+      pupil_positions, stop_radii, stop_stride, ray_aims,      chief_aims,
+      results,     jacobian,   count,       work};
+}
+
+#define NUVRIX_RAY_ENTRY_ARGS                                                                  \
+  surfaces, n, index_table, variable_surfaces, variable_count, values, factors, setup,          \
+      primary_row, last_surface, field_y, field_x, px, py, rows, coordinates, entry_count,      \
+      pupil_radii, pupil_positions, stop_radii, stop_stride, ray_aims, chief_aims, results,     \
+      jacobian, count, work
+
+// Entries across x, candidates across y.
+extern "C" __global__ void nuvrix_spot_jacobian_kernel(NUVRIX_RAY_ENTRY_PARAMS) {
+  nuvrix::kernels::ray_entry_body(blockIdx.y, blockIdx.x * blockDim.x + threadIdx.x,
+                                  ray_entries(NUVRIX_RAY_ENTRY_ARGS));
+}
+
+// Items in a row: candidate t / entry_count, entry t % entry_count.
+extern "C" __global__ void nuvrix_ry_batched_jacobian_kernel(NUVRIX_RAY_ENTRY_PARAMS) {
+  long const t = static_cast<long>(blockIdx.x) * blockDim.x + threadIdx.x;
+  if (entry_count < 1 || t >= static_cast<long>(count) * entry_count) return;
+  nuvrix::kernels::ray_entry_body(static_cast<int>(t / entry_count),
+                                  static_cast<int>(t % entry_count),
+                                  ray_entries(NUVRIX_RAY_ENTRY_ARGS));
+}

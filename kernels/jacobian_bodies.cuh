@@ -286,5 +286,73 @@ NUVRIX_HD void ry_jacobian_body(int i, RayJacobianArgs const& a) {
                      });
 }
 
+// The rays of several entries over many candidates: the spot kernel (each
+// entry's ray less the chief ray of its field and row, codes 72 and 73)
+// and the batched ray kernel (plain coordinates, codes 0, 1, 70, 71).
+// Entry e is the field (field_y[e], field_x[e], scaled as the merit scales
+// them), the pupil point (px[e], py[e]), index row rows[e] and coordinate
+// coordinates[e] (0 x, 1 y); candidate i brings its pupil radius and
+// position, the stop radius of each row (stop_stride a candidate; a stride
+// of 1 holds one radius for every row; 0 without aiming), and for each entry the host's plain aims of the ray and
+// of the chief ray (three numbers each, entry_count a candidate).
+struct RayEntries {
+  SurfaceData const* surfaces;
+  int n;
+  double const* index_table;
+  int const* variable_surfaces;
+  int variable_count;
+  double const* values;
+  double const* factors;
+  SystemConfig cfg;
+  int primary_row, last_surface;
+  double const* field_y;
+  double const* field_x;
+  double const* px;
+  double const* py;
+  int const* rows;
+  int const* coordinates;
+  int entry_count;
+  double const* pupil_radii;
+  double const* pupil_positions;
+  double const* stop_radii;
+  int stop_stride;
+  double const* ray_aims;
+  double const* chief_aims;  // null: the plain coordinate
+  double* results;           // count rows of entry_count
+  double* jacobian;          // count rows of entry_count x variable_count
+  int count;
+  void* work;                // ray_jacobian_work_bytes(n) an item
+};
+
+// Entry e of candidate i.
+NUVRIX_HD void ray_entry_body(int i, int e, RayEntries const& a) {
+  if (i >= a.count || e >= a.entry_count) return;
+  long const item = static_cast<long>(i) * a.entry_count + e;
+  long const at = static_cast<long>(i) * a.variable_count;
+  int const row = a.rows[e];
+  RayPassInput ray = {a.surfaces,    a.n,        a.index_table,          a.primary_row,
+                      a.cfg,         a.field_y[e], a.field_x[e],         a.px[e],
+                      a.py[e],       row,        a.last_surface,         a.pupil_radii[i],
+                      a.pupil_positions[i],
+                      a.stop_radii[static_cast<long>(i) * a.stop_stride + (a.stop_stride > 1 ? row : 0)],
+                      a.ray_aims + 3 * item};
+  RayPassInput chief = ray;
+  chief.px = chief.py = 0.0;
+  chief.aim = a.chief_aims != nullptr ? a.chief_aims + 3 * item : nullptr;
+  bool const y = a.coordinates[e] != 0;
+  void* work = static_cast<char*>(a.work) + ray_jacobian_work_bytes(a.n) * item;
+  differentiate_item(
+      a.surfaces, a.n, a.variable_surfaces, a.variable_count, a.values + at,
+      a.factors != nullptr ? a.factors + at : nullptr, work, a.results[item],
+      a.jacobian + item * a.variable_count, [&](RayDuals const& s, JDual& value) {
+        RayD c, end;
+        if (chief.aim != nullptr && !ray_pass(chief, s, c)) return false;
+        if (!ray_pass(ray, s, end)) return false;
+        value = y ? end.y : end.x;
+        if (chief.aim != nullptr) value = value - (y ? c.y : c.x);
+        return true;
+      });
+}
+
 }  // namespace kernels
 }  // namespace nuvrix

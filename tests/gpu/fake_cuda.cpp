@@ -136,8 +136,11 @@ CUresult cuMemsetD8_v2(unsigned long long d, unsigned char v, size_t bytes) {
 CUresult cuLaunchKernel(void* f, unsigned gx, unsigned gy, unsigned gz, unsigned bx, unsigned by,
                         unsigned bz, unsigned shared, void*, void** params, void** extra) {
   if (mode("launchfail")) return 700;
-  if (gy != 1 || gz != 1 || by != 1 || bz != 1 || shared != 0 || extra != nullptr) return 1;
   std::string const& name = static_cast<Function*>(f)->name;
+  bool const spot = name == "nuvrix_spot_jacobian_kernel";
+  if ((gy != 1 && !spot) || gz != 1 || by != 1 || bz != 1 || shared != 0 || extra != nullptr) {
+    return 1;
+  }
   int const threads = static_cast<int>(gx * bx);
   if (name == "nuvrix_smoke_kernel") {
     int const count = integer(params, 5);
@@ -198,6 +201,29 @@ CUresult cuLaunchKernel(void* f, unsigned gx, unsigned gy, unsigned gz, unsigned
         device<double>(params, 17), device<double>(params, 18), integer(params, 19),
         integer(params, 20), device<void>(params, 21)};
     for (int i = 0; i < threads; ++i) nuvrix::kernels::ry_jacobian_body(i, a);
+    return 0;
+  }
+  if (spot || name == "nuvrix_ry_batched_jacobian_kernel") {
+    if (bx % 32 != 0) return 1;
+    auto I = [&](int k) { return integer(params, k); };
+    auto P = [&](int k) { return device<double const>(params, k); };
+    double const* setup = P(7);
+    nuvrix::kernels::RayEntries const a = {
+        device<SurfaceData const>(params, 0), I(1), P(2), device<int const>(params, 3), I(4),
+        P(5), P(6), nuvrix::kernels::ray_config(setup, setup[5]), I(8), I(9), P(10), P(11),
+        P(12), P(13), device<int const>(params, 14), device<int const>(params, 15), I(16),
+        P(17), P(18), P(19), I(20), P(21), P(22), device<double>(params, 23),
+        device<double>(params, 24), I(25), device<void>(params, 26)};
+    int const E = a.entry_count;
+    for (unsigned y = 0; y < gy; ++y) {
+      for (int t = 0; t < threads; ++t) {
+        if (spot) {
+          nuvrix::kernels::ray_entry_body(static_cast<int>(y), t, a);
+        } else if (E >= 1 && t < a.count * E) {
+          nuvrix::kernels::ray_entry_body(t / E, t % E, a);
+        }
+      }
+    }
     return 0;
   }
   if (name == "nuvrix_trace_grid_kernel") {

@@ -17,6 +17,7 @@
 
 #include "api/nuvrix.h"
 #include "gpu/cuda_loader.hpp"
+#include "gpu/gpu_jacobian.hpp"
 #include "first_order/aim_robust.hpp"
 #include "merit/dual_launch.hpp"
 #include "merit/merit_context.hpp"
@@ -920,6 +921,155 @@ TEST(GpuLoader, RayJacobianMatchesTheCpuAnalyticRows) {
           ASSERT_EQ(rows[i * V + v], jac[v]) << aiming << coordinate << " " << i << " " << v;
         }
       }
+    }
+  }
+  EXPECT_EQ(outstanding(), 0);
+}
+
+// The spot kernel's entries (a ray less the chief ray of its field and row)
+// equal the CPU's analytic rows of TRANSVERSE_X_CHIEF and _Y_CHIEF, and the
+// batched ray kernel's five entries equal the single ray kernel's rows, for
+// a population with aiming on.
+TEST(GpuLoader, SpotAndBatchedRayJacobiansMatch) {
+  std::vector<std::string> const all = all_kernels();
+  Copy copy("", &all);
+  ASSERT_EQ(copy.init(), 0);
+  nuvrix_test::System const sys = nuvrix_test::cooke_triplet();
+  int const n = sys.count(), V = 6, C = 12, W = 2, E = 5;
+  std::vector<double> table(sys.indices);
+  for (double v : sys.indices) table.push_back(v + 0.01 * (v > 1.0));
+  double const waves[W] = {0.5876, 0.4861};
+  std::vector<FieldData> const fields = {{0.0, 0.0, 0.0}, {10.0, 0.0, 0.0}, {20.0, 0.0, 0.0}};
+  double const field_y[3] = {0.0, 10.0, 20.0}, field_x[3] = {0.0, 0.0, 0.0};
+  int const entry_fields[E] = {2, 1, 2, 0, 1}, entry_rows[E] = {1, 0, 0, 1, 1};
+  int const coords[E] = {1, 0, 0, 1, 1};
+  double const px[E] = {0.3, 0.5, 0.0, 0.2, -0.4}, py[E] = {0.7, -0.5, 1.0, 0.6, 0.8};
+  std::vector<int> surfaces_of(V);
+  std::vector<MeritVariableDesc> vars(V);
+  for (int v = 0; v < V; ++v) {
+    surfaces_of[v] = v + 1;
+    vars[v] = MeritVariableDesc{};
+    vars[v].kind = 0, vars[v].surface = v + 1;
+  }
+  SystemConfig config = {};
+  config.stop_surface = nuvrix_test::kCookeStop;
+  config.aperture_value = 12.5;
+  config.ray_aiming = 1;
+  std::vector<double> values(static_cast<size_t>(C) * V), radii(C), positions(C);
+  std::vector<double> stops(static_cast<size_t>(C) * W), ray_aims(3 * C * E), chief_aims(3 * C * E);
+  auto candidate = [&](int i) {
+    std::vector<SurfaceData> s = sys.surfaces;
+    for (int v = 0; v < V; ++v) s[v + 1].curvature = values[i * V + v];
+    return s;
+  };
+  for (int i = 0; i < C; ++i) {
+    for (int v = 0; v < V; ++v) {
+      values[i * V + v] = sys.surfaces[v + 1].curvature * (1.0 + 0.004 * ((i + 3 * v) % 7 - 3));
+    }
+    std::vector<SurfaceData> const s = candidate(i);
+    nuvrix::MeritContext const ctx =
+        nuvrix::build_context(s.data(), n, table.data(), W, &config, fields.data(), 3);
+    radii[i] = ctx.pupil_radius, positions[i] = ctx.entrance_pupil_position;
+    for (int w = 0; w < W; ++w) {
+      stops[i * W + w] =
+          nuvrix::aim_stop_radius(s.data(), n, table.data() + w * n, &config, ctx.pupil_radius);
+    }
+    for (int e = 0; e < E; ++e) {
+      int const w = entry_rows[e];
+      double const* row = table.data() + w * n;
+      double const fy = field_y[entry_fields[e]];
+      ASSERT_TRUE(nuvrix::aim_plain_launch(s.data(), n, row, config, fy, 0.0, radii[i],
+                                           positions[i], stops[i * W + w], px[e], py[e],
+                                           &ray_aims[3 * (i * E + e)]));
+      ASSERT_TRUE(nuvrix::aim_plain_launch(s.data(), n, row, config, fy, 0.0, radii[i],
+                                           positions[i], stops[i * W + w], 0.0, 0.0,
+                                           &chief_aims[3 * (i * E + e)]));
+    }
+  }
+  double const setup[6] = {0.0, 0.0, 1.0, static_cast<double>(config.stop_surface), 0.0, 12.5};
+  auto spot = copy.fn<decltype(&nuvrix::gpu::cuda_run_spot_jacobian)>(
+      "_ZN6nuvrix3gpu22cuda_run_spot_jacobianEPK11SurfaceDataiPKdiPKiiS5_S5_S5_S5_S7_iiS5_S5_S7_"
+      "S7_iiS5_S5_S5_S5_S5_S5_PdS8_ii");
+  ASSERT_NE(spot, nullptr);
+  std::vector<double> results(C * E), rows(static_cast<size_t>(C) * E * V);
+  ASSERT_EQ(spot(sys.surfaces.data(), n, table.data(), W, surfaces_of.data(), V, values.data(),
+                 setup, field_y, field_x, entry_fields, E, 3, px, py, entry_rows, coords, 0, 0,
+                 nullptr, radii.data(), positions.data(), stops.data(), ray_aims.data(),
+                 chief_aims.data(), results.data(), rows.data(), C, 1),
+            0);
+  auto jacobian = copy.fn<decltype(&nuvrix_evaluate_merit_and_jacobian)>(
+      "nuvrix_evaluate_merit_and_jacobian");
+  for (int i = 0; i < C; ++i) {
+    std::vector<SurfaceData> const s = candidate(i);
+    for (int e = 0; e < E; ++e) {
+      MeritOperandDesc op = {};
+      op.type = coords[e] != 0 ? 73u : 72u, op.weight = 1.0, op.group_id = -1;
+      op.wave = entry_rows[e], op.hy = field_y[entry_fields[e]] / 20.0, op.px = px[e];
+      op.py = py[e];
+      MeritResult result[1], thread_result[1];
+      double residuals[2], thread_residuals[2], jac[2 * V], merit = 0.0, sd = 0.0, a = 0.0,
+                                                            b = 0.0;
+      SurfaceData work[8];
+      FieldData work_fields[3];
+      int slots = 0, sd_rows = 0;
+      ASSERT_EQ(jacobian(s.data(), n, table.data(), waves, W, &config, fields.data(), 3, &op, 1,
+                         vars.data(), V, nullptr, 0, 1, 0, 1, result, residuals, work,
+                         work_fields, thread_result, thread_residuals, jac, &slots, &merit, &sd,
+                         &sd_rows, &a, &b, nullptr),
+                0);
+      ASSERT_EQ(results[i * E + e], residuals[0]) << i << " " << e;
+      for (int v = 0; v < V; ++v) {
+        ASSERT_EQ(rows[(i * E + e) * V + v], jac[v]) << i << " " << e << " " << v;
+      }
+    }
+  }
+  // The batched kernel: five entries of row 1 against one call of the
+  // single ray kernel each.
+  auto batched = copy.fn<decltype(&nuvrix::gpu::cuda_run_ry_batched_jacobian)>(
+      "_ZN6nuvrix3gpu28cuda_run_ry_batched_jacobianEPK11SurfaceDataiPKdPKiiS5_S5_S5_iS5_S5_S5_"
+      "iiS5_S5_S5_S5_PdS8_iS7_");
+  using Single = int (*)(SurfaceData const*, int, double const*, int const*, int, double, double,
+                         double const*, double, double, double, int, int, double const*,
+                         double const*, double const*, double const*, double*, double*, int, int);
+  Single const single = copy.fn<Single>(
+      "_ZN6nuvrix3gpu20cuda_run_ry_jacobianEPK11SurfaceDataiPKdPKiiddS5_dddiiS5_S5_S5_S5_PdS8_ii");
+  ASSERT_NE(batched, nullptr);
+  std::vector<double> entry_fields_yx(2 * E), row1_stops(C), aims(3 * C * E);
+  int is_x[E];
+  for (int e = 0; e < E; ++e) {
+    entry_fields_yx[2 * e] = field_y[entry_fields[e]], entry_fields_yx[2 * e + 1] = 0.0;
+    is_x[e] = coords[e] == 0 ? 1 : 0;
+  }
+  for (int i = 0; i < C; ++i) {
+    row1_stops[i] = stops[i * W + 1];
+    std::vector<SurfaceData> const s = candidate(i);
+    for (int e = 0; e < E; ++e) {
+      ASSERT_TRUE(nuvrix::aim_plain_launch(s.data(), n, table.data() + n, config,
+                                           entry_fields_yx[2 * e], 0.0, radii[i], positions[i],
+                                           row1_stops[i], px[e], py[e], &aims[3 * (i * E + e)]));
+    }
+  }
+  ASSERT_EQ(batched(sys.surfaces.data(), n, table.data(), surfaces_of.data(), V, values.data(),
+                    setup, entry_fields_yx.data(), E, px, py, nullptr, 0, 1, radii.data(),
+                    positions.data(), row1_stops.data(), aims.data(), results.data(), rows.data(),
+                    C, is_x),
+            0);
+  for (int e = 0; e < E; ++e) {
+    std::vector<double> frames(3 * C), one_aims(3 * C), r1(C), j1(static_cast<size_t>(C) * V);
+    for (int i = 0; i < C; ++i) {
+      frames[3 * i] = radii[i], frames[3 * i + 1] = positions[i], frames[3 * i + 2] = row1_stops[i];
+      for (int k = 0; k < 3; ++k) one_aims[3 * i + k] = aims[3 * (i * E + e) + k];
+    }
+    double const single_setup[6] = {0.0, 0.0, 1.0, static_cast<double>(config.stop_surface), 0.0,
+                                    static_cast<double>(coords[e])};
+    ASSERT_EQ(single(sys.surfaces.data(), n, table.data(), surfaces_of.data(), V,
+                     entry_fields_yx[2 * e], 0.0, values.data(), px[e], py[e], 12.5, 1, 0,
+                     nullptr, frames.data(), one_aims.data(), single_setup, r1.data(), j1.data(),
+                     C, 0),
+              0);
+    for (int i = 0; i < C; ++i) {
+      ASSERT_EQ(results[i * E + e], r1[i]) << e << " " << i;
+      for (int v = 0; v < V; ++v) ASSERT_EQ(rows[(i * E + e) * V + v], j1[i * V + v]);
     }
   }
   EXPECT_EQ(outstanding(), 0);
