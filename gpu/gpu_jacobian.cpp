@@ -318,5 +318,59 @@ int cuda_run_ry_batched_jacobian(SurfaceData const* surfaces, int n, double cons
   return run_entries(h, state().ry_batched_jacobian, false);
 }
 
+int cuda_run_sd_jacobian(SurfaceData const* surfaces, int n, double const* index_table,
+                         int wave_count, int const* variable_surfaces, int variable_count,
+                         double const* values, double const* factors, double const* setup,
+                         int const* entry_surfaces, int const* entry_rows,
+                         double const* entry_field_y, double const* entry_px,
+                         double const* entry_py, double const* entry_scales, int entry_count,
+                         double const* pupil_radii, double const* pupil_positions,
+                         double const* stop_radii, double const* aims, double* results,
+                         double* rows, int count) {
+  int const checked = check_entries(surfaces, n, index_table, variable_surfaces, variable_count,
+                                    setup, entry_count, count);
+  if (checked != 1) return checked;
+  if (wave_count < 1) return -8;
+  if (values == nullptr || entry_surfaces == nullptr || entry_rows == nullptr ||
+      entry_field_y == nullptr || entry_px == nullptr || entry_py == nullptr ||
+      entry_scales == nullptr || pupil_radii == nullptr || pupil_positions == nullptr ||
+      stop_radii == nullptr || aims == nullptr || results == nullptr || rows == nullptr) {
+    return -3;
+  }
+  for (int e = 0; e < entry_count; ++e) {
+    if (entry_surfaces[e] < 1 || entry_surfaces[e] > n - 1 || entry_rows[e] < 0 ||
+        entry_rows[e] >= wave_count) {
+      return -8;
+    }
+  }
+  int const entered = detail::enter_device();
+  if (entered != 0) return entered;
+  g_last_cu_error = 0;
+  long const N = n, V = variable_count, C = count, E = entry_count, W = wave_count;
+  long const items = C * E;
+  Buffers b;
+  CUdeviceptr d_surfaces = b.with(surfaces, 200 * N), d_table = b.with(index_table, 8 * N * W);
+  CUdeviceptr d_vars = b.with(variable_surfaces, 4 * V), d_values = b.with(values, 8 * C * V);
+  CUdeviceptr d_factors = b.with(factors, 8 * C * V), d_setup = b.with(setup, 48);
+  CUdeviceptr d_surf = b.with(entry_surfaces, 4 * E), d_rows_of = b.with(entry_rows, 4 * E);
+  CUdeviceptr d_fy = b.with(entry_field_y, 8 * E), d_px = b.with(entry_px, 8 * E);
+  CUdeviceptr d_py = b.with(entry_py, 8 * E), d_scales = b.with(entry_scales, 8 * E);
+  CUdeviceptr d_radii = b.with(pupil_radii, 8 * C * W);
+  CUdeviceptr d_positions = b.with(pupil_positions, 8 * C * W);
+  CUdeviceptr d_stops = b.with(stop_radii, 8 * C * W), d_aims = b.with(aims, 24 * items);
+  CUdeviceptr d_results = b.make(8 * items), d_jacobian = b.make(8 * items * V);
+  CUdeviceptr d_work = b.make(kernels::ray_jacobian_work_bytes(n) * items);
+  int item_count = count;
+  void* params[24] = {&d_surfaces, &n,         &d_table,   &d_vars,      &variable_count,
+                      &d_values,   &d_factors, &d_setup,   &d_surf,      &d_rows_of,
+                      &d_fy,       &d_px,      &d_py,      &d_scales,    &entry_count,
+                      &wave_count, &d_radii,   &d_positions, &d_stops,   &d_aims,
+                      &d_results,  &d_jacobian, &item_count, &d_work};
+  b.run(state().sd_jacobian, static_cast<unsigned>((items + 63) / 64), 64, params);
+  b.back(results, d_results, 8 * items);
+  b.back(rows, d_jacobian, 8 * items * V);
+  return b.status;
+}
+
 }  // namespace gpu
 }  // namespace nuvrix

@@ -92,5 +92,26 @@ int cuda_run_ry_batched_jacobian(SurfaceData const* surfaces, int n, double cons
                                  double const* aims, double* results, double* rows, int count,
                                  int const* entry_is_x);
 
+// The sample rays of the semi-diameter solve: entry e is the surface
+// entry_surfaces[e], the index row entry_rows[e], the field entry_field_y[e]
+// and the solve's pupil sample (entry_px[e], entry_py[e]), whose height at
+// that surface times entry_scales[e] (the aperture percentage over 100) is
+// the surface's automatic semi-diameter when the sample is the one that
+// set it.  Candidate i brings the solve's plain frame of every row
+// (wave_count a candidate each: the paraxial marginal height, the entrance
+// pupil position (0 with the stop on surface 1 or in front), the stop
+// radius, 0 without aiming) and the host's plain aim of each entry.
+// results and rows as for the spot runner; a ray that fails before the
+// surface gives NaN and zeros.  Blocks of 64, one thread an item.
+int cuda_run_sd_jacobian(SurfaceData const* surfaces, int n, double const* index_table,
+                         int wave_count, int const* variable_surfaces, int variable_count,
+                         double const* values, double const* factors, double const* setup,
+                         int const* entry_surfaces, int const* entry_rows,
+                         double const* entry_field_y, double const* entry_px,
+                         double const* entry_py, double const* entry_scales, int entry_count,
+                         double const* pupil_radii, double const* pupil_positions,
+                         double const* stop_radii, double const* aims, double* results,
+                         double* rows, int count);
+
 }  // namespace gpu
 }  // namespace nuvrix

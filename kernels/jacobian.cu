@@ -67,3 +67,20 @@ extern "C" __global__ void nuvrix_ry_batched_jacobian_kernel(NUVRIX_RAY_ENTRY_PA
                                   static_cast<int>(t % entry_count),
                                   ray_entries(NUVRIX_RAY_ENTRY_ARGS));
 }
+
+// One thread a sample ray of a candidate.
+extern "C" __global__ void nuvrix_sd_jacobian_kernel(
+    SurfaceData const* surfaces, int n, double const* index_table, int const* variable_surfaces,
+    int variable_count, double const* values, double const* factors, double const* setup,
+    int const* surfaces_of, int const* rows, double const* field_y, double const* px,
+    double const* py, double const* scales, int entry_count, int wave_count,
+    double const* pupil_radii, double const* pupil_positions, double const* stop_radii,
+    double const* aims, double* results, double* jacobian, int count, void* work) {
+  nuvrix::kernels::SdEntries const a = {
+      surfaces,    n,          index_table, variable_surfaces, variable_count, values,
+      factors,     nuvrix::kernels::ray_config(setup, setup[5]), surfaces_of, rows, field_y,
+      px,          py,         scales,      entry_count,       wave_count,     pupil_radii,
+      pupil_positions, stop_radii, aims,    results,           jacobian,       count,
+      work};
+  nuvrix::kernels::sd_entry_body(static_cast<long>(blockIdx.x) * blockDim.x + threadIdx.x, a);
+}

@@ -155,31 +155,42 @@ struct RayPassInput {
   SurfaceData const* surfaces;
   int n;
   double const* index_table;
-  int primary_row;
+  int primary_row;  // the row of the pupil and its position
   SystemConfig cfg;
   double field_y, field_x, px, py;
   int row, last_surface;
   double pupil_radius, pupil_position, stop_radius;  // plain; stop radius 0: no aim
   double const* aim;                                 // three numbers, NaN first: failed
+  bool solve_frame;  // the frame of the semi-diameter solve rather than the merit's
+  int capture;       // the surface whose state is kept (-1: none)
 };
 
 NUVRIX_HD RayD trace_duals(RayPassInput const& r, RayDuals const& s, double const* row,
-                           RayD const& launch, int last) {
+                           RayD const& launch, int last, int capture = -1,
+                           RayD* at_capture = nullptr) {
   return trace_ray_t<JDual, double>(r.surfaces, r.n, s.curvatures, s.thicknesses, s.conics, row,
-                                    launch, 1, last, 0.0, -1, nullptr, nullptr, s.coefficients,
-                                    -1, s.focal_lengths);
+                                    launch, 1, last, 0.0, capture, at_capture, nullptr,
+                                    s.coefficients, -1, s.focal_lengths);
 }
 
 // One pass of a ray: the launch over dual numbers from the pupil and its
 // position with their slots, aimed as the host aimed it and kept on the
-// aim, then the trace.  False when the ray fails.
-NUVRIX_HD bool ray_pass(RayPassInput const& r, RayDuals const& s, RayD& end) {
+// aim, then the trace, with the state at r.capture into at_capture (its
+// status -1 when the ray did not get there).  False when the ray fails.
+// The merit's frame takes the pupil's position as a constant under aiming
+// with an object at infinity or a height field; the solve's frame takes 0
+// with the stop on surface 1 or in front of it.
+NUVRIX_HD bool ray_pass(RayPassInput const& r, RayDuals const& s, RayD& end,
+                        RayD* at_capture = nullptr) {
+  if (at_capture != nullptr) at_capture->status = -1;
   int const n = r.n;
   SystemConfig const& cfg = r.cfg;
   double const* row = r.index_table + static_cast<long>(r.row) * n;
   double const* prow = r.index_table + static_cast<long>(r.primary_row) * n;
   bool const infinite = detail::is_infinite_distance(r.surfaces[0].thickness);
-  bool const constant_ep = cfg.ray_aiming != 0 && (infinite || cfg.field_type != 0);
+  bool const constant_ep = r.solve_frame
+                               ? cfg.stop_surface < 2
+                               : cfg.ray_aiming != 0 && (infinite || cfg.field_type != 0);
   JDual const ep =
       constant_ep ? JDual(r.pupil_position)
                   : with_slots(r.pupil_position,
@@ -202,7 +213,7 @@ NUVRIX_HD bool ray_pass(RayPassInput const& r, RayDuals const& s, RayD& end) {
     if (at_stop.status != 0) return false;
     follow_aimed_launch(launch, !infinite, at_stop, stop_radius, r.px, r.py);
   }
-  end = trace_duals(r, s, row, launch, r.last_surface);
+  end = trace_duals(r, s, row, launch, r.last_surface, r.capture, at_capture);
   return end.status == 0;
 }
 
@@ -273,7 +284,8 @@ NUVRIX_HD void ry_jacobian_body(int i, RayJacobianArgs const& a) {
   RayPassInput const r = {a.surfaces,  a.n,      a.index_table, a.primary_row,
                           ray_config(a.setup, a.aperture_value), a.field_y, a.field_x,
                           a.px,        a.py,     a.wave_row,    a.last_surface,
-                          frame[0],    frame[1], frame[2],      a.aims + 3L * i};
+                          frame[0],    frame[1], frame[2],      a.aims + 3L * i,
+                          false,       -1};
   bool const y = static_cast<int>(a.setup[5]) != 0;
   void* work = static_cast<char*>(a.work) + ray_jacobian_work_bytes(a.n) * i;
   differentiate_item(a.surfaces, a.n, a.variable_surfaces, a.variable_count, a.values + at,
@@ -335,7 +347,7 @@ NUVRIX_HD void ray_entry_body(int i, int e, RayEntries const& a) {
                       a.py[e],       row,        a.last_surface,         a.pupil_radii[i],
                       a.pupil_positions[i],
                       a.stop_radii[static_cast<long>(i) * a.stop_stride + (a.stop_stride > 1 ? row : 0)],
-                      a.ray_aims + 3 * item};
+                      a.ray_aims + 3 * item, false, -1};
   RayPassInput chief = ray;
   chief.px = chief.py = 0.0;
   chief.aim = a.chief_aims != nullptr ? a.chief_aims + 3 * item : nullptr;
@@ -352,6 +364,65 @@ NUVRIX_HD void ray_entry_body(int i, int e, RayEntries const& a) {
         if (chief.aim != nullptr) value = value - (y ? c.y : c.x);
         return true;
       });
+}
+
+// The sample rays of the semi-diameter solve over many candidates.  Entry
+// e is surface surfaces_of[e], index row rows[e], field field_y[e] and the
+// solve's pupil sample (px[e], py[e]), scaled by scales[e] (the surface's
+// aperture percentage over 100); candidate i brings the solve's plain
+// frame of each row (wave_count a candidate: the paraxial marginal height,
+// the entrance pupil position, the stop radius, 0 without aiming) and the
+// host's plain aim of each entry.  The value is the ray's height at the
+// surface times the scale, as the CPU's analytic Jacobian forms the
+// derivative of an automatic semi-diameter; a ray that fails behind the
+// surface still counts.
+struct SdEntries {
+  SurfaceData const* surfaces;
+  int n;
+  double const* index_table;
+  int const* variable_surfaces;
+  int variable_count;
+  double const* values;
+  double const* factors;
+  SystemConfig cfg;
+  int const* surfaces_of;
+  int const* rows;
+  double const* field_y;
+  double const* px;
+  double const* py;
+  double const* scales;
+  int entry_count, wave_count;
+  double const* pupil_radii;
+  double const* pupil_positions;
+  double const* stop_radii;
+  double const* aims;
+  double* results;
+  double* jacobian;
+  int count;
+  void* work;
+};
+
+NUVRIX_HD void sd_entry_body(long t, SdEntries const& a) {
+  if (a.entry_count < 1 || t >= static_cast<long>(a.count) * a.entry_count) return;
+  int const i = static_cast<int>(t / a.entry_count), e = static_cast<int>(t % a.entry_count);
+  long const at = static_cast<long>(i) * a.variable_count;
+  long const frame = static_cast<long>(i) * a.wave_count + a.rows[e];
+  int const surface = a.surfaces_of[e];
+  RayPassInput const ray = {a.surfaces,          a.n,        a.index_table, a.rows[e],
+                            a.cfg,               a.field_y[e], 0.0,        a.px[e],
+                            a.py[e],             a.rows[e],  a.n - 1,      a.pupil_radii[frame],
+                            a.pupil_positions[frame], a.stop_radii[frame], a.aims + 3 * t,
+                            true,                surface};
+  double const scale = a.scales[e];
+  void* work = static_cast<char*>(a.work) + ray_jacobian_work_bytes(a.n) * t;
+  differentiate_item(a.surfaces, a.n, a.variable_surfaces, a.variable_count, a.values + at,
+                     a.factors != nullptr ? a.factors + at : nullptr, work, a.results[t],
+                     a.jacobian + t * a.variable_count, [&](RayDuals const& s, JDual& value) {
+                       RayD end, here;
+                       if (!ray_pass(ray, s, end, &here) && here.status != 0) return false;
+                       value = sqrt(detail::sum_sq2(here.x, here.y)) * scale;
+                       return true;
+                     });
 }
 
 }  // namespace kernels

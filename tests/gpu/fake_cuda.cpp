@@ -226,6 +226,20 @@ CUresult cuLaunchKernel(void* f, unsigned gx, unsigned gy, unsigned gz, unsigned
     }
     return 0;
   }
+  if (name == "nuvrix_sd_jacobian_kernel") {
+    if (bx != 64) return 1;
+    auto I = [&](int k) { return integer(params, k); };
+    auto P = [&](int k) { return device<double const>(params, k); };
+    double const* setup = P(7);
+    nuvrix::kernels::SdEntries const a = {
+        device<SurfaceData const>(params, 0), I(1), P(2), device<int const>(params, 3), I(4),
+        P(5), P(6), nuvrix::kernels::ray_config(setup, setup[5]), device<int const>(params, 8),
+        device<int const>(params, 9), P(10), P(11), P(12), P(13), I(14), I(15), P(16), P(17),
+        P(18), P(19), device<double>(params, 20), device<double>(params, 21), I(22),
+        device<void>(params, 23)};
+    for (int t = 0; t < threads; ++t) nuvrix::kernels::sd_entry_body(t, a);
+    return 0;
+  }
   if (name == "nuvrix_trace_grid_kernel") {
     if (bx != 128) return 1;
     auto D = [&](int k) { return device<double>(params, k); };

@@ -19,6 +19,7 @@
 #include "gpu/cuda_loader.hpp"
 #include "gpu/gpu_jacobian.hpp"
 #include "first_order/aim_robust.hpp"
+#include "first_order/semi_diameter.hpp"
 #include "merit/dual_launch.hpp"
 #include "merit/merit_context.hpp"
 #include "tests/systems.hpp"
@@ -1070,6 +1071,104 @@ TEST(GpuLoader, SpotAndBatchedRayJacobiansMatch) {
     for (int i = 0; i < C; ++i) {
       ASSERT_EQ(results[i * E + e], r1[i]) << e << " " << i;
       for (int v = 0; v < V; ++v) ASSERT_EQ(rows[(i * E + e) * V + v], j1[i * V + v]);
+    }
+  }
+  EXPECT_EQ(outstanding(), 0);
+}
+
+// The semi-diameter kernel's sample heights: on every candidate the largest
+// of a surface's samples is the semi-diameter that the solve sets, and the
+// derivative of that sample is the solve's own slope, by central
+// differences of the solve, with and without aiming.
+TEST(GpuLoader, SemiDiameterJacobianFollowsTheSolve) {
+  std::vector<std::string> const all = all_kernels();
+  Copy copy("", &all);
+  ASSERT_EQ(copy.init(), 0);
+  nuvrix_test::System const sys = nuvrix_test::cooke_triplet();
+  int const n = sys.count(), V = 6, C = 4, F = 3;
+  std::vector<FieldData> const fields = {{0.0, 0.0, 0.0}, {14.0, 0.0, 0.0}, {20.0, 0.0, 0.0}};
+  double const wave = 0.5876;
+  int const watched[2] = {2, 5};
+  std::vector<int> surfaces_of(V), e_surface, e_row;
+  std::vector<double> e_fy, e_px, e_py, e_scale;
+  for (int v = 0; v < V; ++v) surfaces_of[v] = v + 1;
+  for (int k : watched) {
+    for (int f = 0; f < F; ++f) {
+      for (int j = 0; j < 8; ++j) {
+        e_surface.push_back(k), e_row.push_back(0), e_fy.push_back(fields[f].field_y);
+        e_px.push_back(nuvrix::sd_px_vals[j]), e_py.push_back(nuvrix::sd_py_vals[j]);
+        e_scale.push_back(1.0);
+      }
+    }
+  }
+  int const E = static_cast<int>(e_surface.size());
+  std::vector<double> values(static_cast<size_t>(C) * V);
+  for (int i = 0; i < C; ++i) {
+    for (int v = 0; v < V; ++v) {
+      values[i * V + v] = sys.surfaces[v + 1].curvature * (1.0 + 0.004 * ((i + 3 * v) % 7 - 3));
+    }
+  }
+  auto solved = [&](std::vector<SurfaceData> s, SystemConfig const& cfg, int k) {
+    copy.fn<decltype(&nuvrix_solve_semi_diameters)>("nuvrix_solve_semi_diameters")(
+        s.data(), n, sys.indices.data(), &wave, 1, &cfg, fields.data(), F);
+    return s[k].semi_diameter;
+  };
+  auto run = copy.fn<decltype(&nuvrix::gpu::cuda_run_sd_jacobian)>(
+      "_ZN6nuvrix3gpu20cuda_run_sd_jacobianEPK11SurfaceDataiPKdiPKiiS5_S5_S5_S7_S7_S5_S5_S5_S5_"
+      "iS5_S5_S5_S5_PdS8_i");
+  ASSERT_NE(run, nullptr);
+  for (int aiming = 0; aiming < 2; ++aiming) {
+    SystemConfig cfg = {};
+    cfg.stop_surface = nuvrix_test::kCookeStop;
+    cfg.aperture_value = 12.5;
+    cfg.ray_aiming = aiming;
+    std::vector<double> radii(C), positions(C), stops(C), aims(3 * C * E);
+    for (int i = 0; i < C; ++i) {
+      std::vector<SurfaceData> s = sys.surfaces;
+      for (int v = 0; v < V; ++v) s[v + 1].curvature = values[i * V + v];
+      double const* row = sys.indices.data();
+      radii[i] = nuvrix::paraxial_marginal_height(s.data(), n, row, cfg);
+      positions[i] = nuvrix::compute_entrance_pupil_position(s.data(), n, row, cfg.stop_surface);
+      stops[i] = aiming != 0 ? nuvrix::aim_stop_radius(s.data(), n, row, &cfg, radii[i]) : 0.0;
+      for (int e = 0; e < E; ++e) {
+        double* u = &aims[3 * (i * E + e)];
+        if (!nuvrix::aim_plain_launch(s.data(), n, row, cfg, e_fy[e], 0.0, radii[i],
+                                      positions[i], stops[i], e_px[e], e_py[e], u)) {
+          u[0] = std::nan("");  // a sample the aim misses counts for nothing
+        }
+      }
+    }
+    double const setup[6] = {0.0, 0.0, static_cast<double>(aiming),
+                             static_cast<double>(cfg.stop_surface), 0.0, 12.5};
+    std::vector<double> results(C * E), rows(static_cast<size_t>(C) * E * V);
+    ASSERT_EQ(run(sys.surfaces.data(), n, sys.indices.data(), 1, surfaces_of.data(), V,
+                  values.data(), nullptr, setup, e_surface.data(), e_row.data(), e_fy.data(),
+                  e_px.data(), e_py.data(), e_scale.data(), E, radii.data(), positions.data(),
+                  stops.data(), aims.data(), results.data(), rows.data(), C),
+              0);
+    for (int i = 0; i < C; ++i) {
+      std::vector<SurfaceData> s = sys.surfaces;
+      for (int v = 0; v < V; ++v) s[v + 1].curvature = values[i * V + v];
+      for (int w = 0; w < 2; ++w) {
+        int best = -1;
+        for (int e = 0; e < E; ++e) {
+          if (e_surface[e] == watched[w] && results[i * E + e] == results[i * E + e] &&
+              (best < 0 || results[i * E + e] > results[i * E + best])) {
+            best = e;
+          }
+        }
+        double const sd = solved(s, cfg, watched[w]);
+        EXPECT_NEAR(results[i * E + best], sd, 1e-12 * sd) << aiming << " " << i << " " << w;
+        for (int v = 0; v < V; ++v) {
+          double const c = s[v + 1].curvature, h = 1e-6 * std::fabs(c);
+          std::vector<SurfaceData> up = s, down = s;
+          up[v + 1].curvature = c + h, down[v + 1].curvature = c - h;
+          double const slope =
+              (solved(up, cfg, watched[w]) - solved(down, cfg, watched[w])) / (2.0 * h);
+          EXPECT_NEAR(rows[(i * E + best) * V + v], slope, 1e-6 * (std::fabs(slope) + 1.0))
+              << aiming << " " << i << " " << w << " " << v;
+        }
+      }
     }
   }
   EXPECT_EQ(outstanding(), 0);
