@@ -9,7 +9,7 @@ namespace nuvrix {
 namespace gpu {
 namespace {
 
-constexpr int kMaxBuffers = 24;
+constexpr int kMaxBuffers = 32;
 constexpr int kMaxVariables = 64;
 
 // The device buffers of one run: each allocation is remembered and freed
@@ -164,14 +164,19 @@ struct EntryRun {
   int stop_stride;
   double const* ray_aims;
   double const* chief_aims;
+  double const* ref_aims;
+  double const* reference_radii;
+  double const* wavelengths;
+  int wave_count;
+  int afocal;
   double* results;
   double* jacobian;
   int count;
 };
 
+// Uploads, launches and reads back a run of the entry kernels on a device
+// already entered.
 int run_entries(EntryRun const& h, CUfunction kernel, bool two_dimensional) {
-  int const entered = detail::enter_device();
-  if (entered != 0) return entered;
   g_last_cu_error = 0;
   long const N = h.n, V = h.variable_count, C = h.count, E = h.entry_count;
   long const items = C * E;
@@ -189,17 +194,21 @@ int run_entries(EntryRun const& h, CUfunction kernel, bool two_dimensional) {
   CUdeviceptr d_stops = b.with(h.stop_radii, 8 * C * h.stop_stride);
   CUdeviceptr d_aims = b.with(h.ray_aims, 24 * items);
   CUdeviceptr d_chief = b.with(h.chief_aims, 24 * items);
+  CUdeviceptr d_ref = b.with(h.ref_aims, 24 * items);
+  CUdeviceptr d_reference_radii = b.with(h.reference_radii, 8 * C);
+  CUdeviceptr d_waves = b.with(h.wavelengths, 8L * h.wave_count);
   CUdeviceptr d_results = b.make(8 * items), d_jacobian = b.make(8 * items * V);
   CUdeviceptr d_work = b.make(kernels::ray_jacobian_work_bytes(h.n) * items);
   int n = h.n, variable_count = h.variable_count, primary_row = h.primary_row;
   int last_surface = h.last_surface, entry_count = h.entry_count;
-  int stop_stride = h.stop_stride, count = h.count;
-  void* params[27] = {&d_surfaces, &n,          &d_table,     &d_vars,       &variable_count,
+  int stop_stride = h.stop_stride, count = h.count, afocal = h.afocal;
+  void* params[31] = {&d_surfaces, &n,          &d_table,     &d_vars,       &variable_count,
                       &d_values,   &d_factors,  &d_setup,     &primary_row,  &last_surface,
                       &d_fy,       &d_fx,       &d_px,        &d_py,         &d_rows,
                       &d_coords,   &entry_count, &d_radii,    &d_positions,  &d_stops,
-                      &stop_stride, &d_aims,    &d_chief,     &d_results,    &d_jacobian,
-                      &count,      &d_work};
+                      &stop_stride, &d_aims,    &d_chief,     &d_ref,        &d_reference_radii,
+                      &d_waves,    &afocal,     &d_results,   &d_jacobian,   &count,
+                      &d_work};
   // A block of the entries rounded up to a warp; candidates across y, or
   // every item in a row.
   unsigned const block = static_cast<unsigned>((E + 31) / 32 * 32);
@@ -238,16 +247,20 @@ int check_entries(SurfaceData const* surfaces, int n, double const* index_table,
 
 }  // namespace
 
-int cuda_run_spot_jacobian(SurfaceData const* surfaces, int n, double const* index_table,
-                           int wave_count, int const* variable_surfaces, int variable_count,
-                           double const* values, double const* setup, double const* field_y,
-                           double const* field_x, int const* entry_fields, int entry_count,
-                           int field_count, double const* px, double const* py,
-                           int const* entry_rows, int const* entry_coordinates, int primary_row,
-                           int last_surface, double const* factors, double const* pupil_radii,
-                           double const* pupil_positions, double const* stop_radii,
-                           double const* ray_aims, double const* chief_aims, double* results,
-                           double* rows, int count, int subtract_chief) {
+namespace {
+
+// The spot and OPD runners: the same entries, a different kernel.
+int run_field_entries(SurfaceData const* surfaces, int n, double const* index_table,
+                      int wave_count, int const* variable_surfaces, int variable_count,
+                      double const* values, double const* setup, double const* field_y,
+                      double const* field_x, int const* entry_fields, int entry_count,
+                      int field_count, double const* px, double const* py,
+                      int const* entry_rows, int const* entry_coordinates, int primary_row,
+                      int last_surface, double const* factors, double const* pupil_radii,
+                      double const* pupil_positions, double const* stop_radii,
+                      double const* ray_aims, double const* chief_aims, double const* ref_aims,
+                      double const* reference_radii, double const* wavelengths, int afocal,
+                      double* results, double* rows, int count, CUfunction* kernel) {
   int const checked = check_entries(surfaces, n, index_table, variable_surfaces, variable_count,
                                     setup, entry_count, count);
   if (checked != 1) return checked;
@@ -258,8 +271,7 @@ int cuda_run_spot_jacobian(SurfaceData const* surfaces, int n, double const* ind
   if (values == nullptr || field_y == nullptr || field_x == nullptr || entry_fields == nullptr ||
       px == nullptr || py == nullptr || entry_rows == nullptr || entry_coordinates == nullptr ||
       pupil_radii == nullptr || pupil_positions == nullptr || stop_radii == nullptr ||
-      ray_aims == nullptr || (subtract_chief != 0 && chief_aims == nullptr) ||
-      results == nullptr || rows == nullptr) {
+      ray_aims == nullptr || results == nullptr || rows == nullptr) {
     return -3;
   }
   EntryRun h = {};
@@ -276,9 +288,59 @@ int cuda_run_spot_jacobian(SurfaceData const* surfaces, int n, double const* ind
   h.px = px, h.py = py, h.entry_count = entry_count;
   h.pupil_radii = pupil_radii, h.pupil_positions = pupil_positions;
   h.stop_radii = stop_radii, h.stop_stride = wave_count;
-  h.ray_aims = ray_aims, h.chief_aims = subtract_chief != 0 ? chief_aims : nullptr;
+  h.ray_aims = ray_aims, h.chief_aims = chief_aims, h.ref_aims = ref_aims;
+  h.reference_radii = reference_radii, h.wavelengths = wavelengths;
+  h.wave_count = wavelengths != nullptr ? wave_count : 0, h.afocal = afocal;
   h.results = results, h.jacobian = rows, h.count = count;
-  return run_entries(h, state().spot_jacobian, true);
+  int const entered = detail::enter_device();
+  if (entered != 0) return entered;
+  return run_entries(h, *kernel, true);
+}
+
+}  // namespace
+
+int cuda_run_spot_jacobian(SurfaceData const* surfaces, int n, double const* index_table,
+                           int wave_count, int const* variable_surfaces, int variable_count,
+                           double const* values, double const* setup, double const* field_y,
+                           double const* field_x, int const* entry_fields, int entry_count,
+                           int field_count, double const* px, double const* py,
+                           int const* entry_rows, int const* entry_coordinates, int primary_row,
+                           int last_surface, double const* factors, double const* pupil_radii,
+                           double const* pupil_positions, double const* stop_radii,
+                           double const* ray_aims, double const* chief_aims, double* results,
+                           double* rows, int count, int subtract_chief) {
+  if (subtract_chief != 0 && chief_aims == nullptr && count > 0) return -3;
+  return run_field_entries(surfaces, n, index_table, wave_count, variable_surfaces,
+                           variable_count, values, setup, field_y, field_x, entry_fields,
+                           entry_count, field_count, px, py, entry_rows, entry_coordinates,
+                           primary_row, last_surface, factors, pupil_radii, pupil_positions,
+                           stop_radii, ray_aims, subtract_chief != 0 ? chief_aims : nullptr,
+                           nullptr, nullptr, nullptr, 0, results, rows, count,
+                           &state().spot_jacobian);
+}
+
+int cuda_run_opd_jacobian(SurfaceData const* surfaces, int n, double const* index_table,
+                          int wave_count, int const* variable_surfaces, int variable_count,
+                          double const* values, double const* setup, double const* field_y,
+                          double const* field_x, int const* entry_fields, int entry_count,
+                          int field_count, double const* px, double const* py,
+                          int const* entry_rows, double const* wavelengths, int primary_row,
+                          int afocal, double const* factors, double const* pupil_radii,
+                          double const* pupil_positions, double const* stop_radii,
+                          double const* ray_aims, double const* chief_aims,
+                          double const* ref_aims, double const* reference_radii,
+                          double* results, double* rows, int count) {
+  if (count > 0 && (wavelengths == nullptr || chief_aims == nullptr || ref_aims == nullptr ||
+                    reference_radii == nullptr)) {
+    return -3;
+  }
+  static int const zeros[kMaxEntries] = {};
+  return run_field_entries(surfaces, n, index_table, wave_count, variable_surfaces,
+                           variable_count, values, setup, field_y, field_x, entry_fields,
+                           entry_count, field_count, px, py, entry_rows, zeros, primary_row, 0,
+                           factors, pupil_radii, pupil_positions, stop_radii, ray_aims,
+                           chief_aims, ref_aims, reference_radii, wavelengths, afocal, results,
+                           rows, count, &state().opd_jacobian);
 }
 
 int cuda_run_ry_batched_jacobian(SurfaceData const* surfaces, int n, double const* index_table,
@@ -315,6 +377,8 @@ int cuda_run_ry_batched_jacobian(SurfaceData const* surfaces, int n, double cons
   h.stop_radii = stop_radii, h.stop_stride = 1;
   h.ray_aims = aims, h.chief_aims = nullptr;
   h.results = results, h.jacobian = rows, h.count = count;
+  int const entered = detail::enter_device();
+  if (entered != 0) return entered;
   return run_entries(h, state().ry_batched_jacobian, false);
 }
 

@@ -76,6 +76,27 @@ int cuda_run_spot_jacobian(SurfaceData const* surfaces, int n, double const* ind
                            double const* ray_aims, double const* chief_aims, double* results,
                            double* rows, int count, int subtract_chief);
 
+// The OPD in waves (codes 67 to 69 before their piston or tilt is taken
+// out) of many entries of every candidate: the arguments of the spot runner
+// (with every entry's coordinate left out and last_surface the image), and
+// the wavelengths of the rows in micrometres, whether the image is afocal,
+// the host's aims of the chief ray of each entry (chief_aims) and of the
+// reference ray, the chief ray of the entry's field at primary_row
+// (ref_aims), and each candidate's plain reference radius.  The chief
+// ray's path and closure onto the reference sphere less the ray's, as the
+// CPU's dual OPD forms them.
+int cuda_run_opd_jacobian(SurfaceData const* surfaces, int n, double const* index_table,
+                          int wave_count, int const* variable_surfaces, int variable_count,
+                          double const* values, double const* setup, double const* field_y,
+                          double const* field_x, int const* entry_fields, int entry_count,
+                          int field_count, double const* px, double const* py,
+                          int const* entry_rows, double const* wavelengths, int primary_row,
+                          int afocal, double const* factors, double const* pupil_radii,
+                          double const* pupil_positions, double const* stop_radii,
+                          double const* ray_aims, double const* chief_aims,
+                          double const* ref_aims, double const* reference_radii,
+                          double* results, double* rows, int count);
+
 // The batched ray kernel: entry_count entries of one index row (wave_row)
 // for every candidate, each a ray coordinate to the image, x where
 // entry_is_x[e] is set and y otherwise; entry_fields holds each entry's

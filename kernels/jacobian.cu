@@ -34,8 +34,9 @@ extern "C" __global__ void nuvrix_ry_jacobian_kernel(
       double const *field_y, double const *field_x, double const *px, double const *py,         \
       int const *rows, int const *coordinates, int entry_count, double const *pupil_radii,      \
       double const *pupil_positions, double const *stop_radii, int stop_stride,                 \
-      double const *ray_aims, double const *chief_aims, double *results, double *jacobian,      \
-      int count, void *work
+      double const *ray_aims, double const *chief_aims, double const *ref_aims,                 \
+      double const *reference_radii, double const *wavelengths, int afocal, double *results,    \
+      double *jacobian, int count, void *work
 
 __device__ nuvrix::kernels::RayEntries ray_entries(NUVRIX_RAY_ENTRY_PARAMS) {
   return nuvrix::kernels::RayEntries{
@@ -44,17 +45,24 @@ __device__ nuvrix::kernels::RayEntries ray_entries(NUVRIX_RAY_ENTRY_PARAMS) {
       primary_row, last_surface, field_y,   field_x,           px,
       py,          rows,       coordinates, entry_count,       pupil_radii,
       pupil_positions, stop_radii, stop_stride, ray_aims,      chief_aims,
-      results,     jacobian,   count,       work};
+      ref_aims,    reference_radii, wavelengths, afocal,       results,
+      jacobian,    count,      work};
 }
 
 #define NUVRIX_RAY_ENTRY_ARGS                                                                  \
   surfaces, n, index_table, variable_surfaces, variable_count, values, factors, setup,          \
       primary_row, last_surface, field_y, field_x, px, py, rows, coordinates, entry_count,      \
-      pupil_radii, pupil_positions, stop_radii, stop_stride, ray_aims, chief_aims, results,     \
-      jacobian, count, work
+      pupil_radii, pupil_positions, stop_radii, stop_stride, ray_aims, chief_aims, ref_aims,    \
+      reference_radii, wavelengths, afocal, results, jacobian, count, work
 
 // Entries across x, candidates across y.
 extern "C" __global__ void nuvrix_spot_jacobian_kernel(NUVRIX_RAY_ENTRY_PARAMS) {
+  nuvrix::kernels::ray_entry_body(blockIdx.y, blockIdx.x * blockDim.x + threadIdx.x,
+                                  ray_entries(NUVRIX_RAY_ENTRY_ARGS));
+}
+
+// The OPD entries: the same shape as the spot kernel.
+extern "C" __global__ void nuvrix_opd_jacobian_kernel(NUVRIX_RAY_ENTRY_PARAMS) {
   nuvrix::kernels::ray_entry_body(blockIdx.y, blockIdx.x * blockDim.x + threadIdx.x,
                                   ray_entries(NUVRIX_RAY_ENTRY_ARGS));
 }

@@ -11,6 +11,7 @@
 #include "merit/dual_system.hpp"
 #include "trace/trace_generic.hpp"
 #include "merit/operand_catalogue.hpp"
+#include "merit/wavefront_operands.hpp"
 
 namespace nuvrix {
 namespace kernels {
@@ -181,7 +182,7 @@ NUVRIX_HD RayD trace_duals(RayPassInput const& r, RayDuals const& s, double cons
 // with an object at infinity or a height field; the solve's frame takes 0
 // with the stop on surface 1 or in front of it.
 NUVRIX_HD bool ray_pass(RayPassInput const& r, RayDuals const& s, RayD& end,
-                        RayD* at_capture = nullptr) {
+                        RayD* at_capture = nullptr, RayD* launch_out = nullptr) {
   if (at_capture != nullptr) at_capture->status = -1;
   int const n = r.n;
   SystemConfig const& cfg = r.cfg;
@@ -213,6 +214,7 @@ NUVRIX_HD bool ray_pass(RayPassInput const& r, RayDuals const& s, RayD& end,
     if (at_stop.status != 0) return false;
     follow_aimed_launch(launch, !infinite, at_stop, stop_radius, r.px, r.py);
   }
+  if (launch_out != nullptr) *launch_out = launch;
   end = trace_duals(r, s, row, launch, r.last_surface, r.capture, at_capture);
   return end.status == 0;
 }
@@ -330,11 +332,75 @@ struct RayEntries {
   int stop_stride;
   double const* ray_aims;
   double const* chief_aims;  // null: the plain coordinate
+  // The OPD (codes 67 to 69) when ref_aims is given: the host's aims of the
+  // reference ray (the chief ray at the primary row), each candidate's
+  // plain reference radius, the wavelengths (micrometres) and whether the
+  // image is afocal.
+  double const* ref_aims;
+  double const* reference_radii;
+  double const* wavelengths;
+  int afocal;
   double* results;           // count rows of entry_count
   double* jacobian;          // count rows of entry_count x variable_count
   int count;
   void* work;                // ray_jacobian_work_bytes(n) an item
 };
+
+// One OPD ray's end for the closure onto the reference sphere, and its
+// optical path; the reference ray also gives the launch direction onto
+// which every ray's point on surface 1 is projected for an infinite object.
+NUVRIX_HD bool opd_end(RayPassInput r, RayDuals const& s, bool infinite, JDual reference[3],
+                       detail::ExitPupilRay<JDual>& out, JDual& opl) {
+  r.capture = 1;
+  RayD end, at_one, launch;
+  if (!ray_pass(r, s, end, &at_one, &launch)) return false;
+  if (reference[0].value != reference[0].value) {  // the reference ray itself
+    reference[0] = launch.l, reference[1] = launch.m, reference[2] = launch.n;
+  }
+  JDual const start =
+      infinite ? detail::dot3(reference[0], reference[1], reference[2], at_one.x, at_one.y,
+                              at_one.z)
+               : JDual(0.0);
+  out = detail::ExitPupilRay<JDual>{end.x, end.y, end.z, end.l, end.m, end.n, start};
+  opl = end.opl;
+  return true;
+}
+
+// The OPD in waves of the entry's row: the chief ray's path and closure
+// less the ray's, both closed onto the reference sphere of the primary row
+// about the reference ray's end, as the CPU's dual OPD forms it.
+NUVRIX_HD bool opd_measure(RayEntries const& a, int i, int row, RayPassInput const& reference,
+                           RayPassInput const& chief, RayPassInput const& ray,
+                           RayDuals const& s, JDual& value) {
+  int const n = a.n;
+  bool const infinite = detail::is_infinite_distance(a.surfaces[0].thickness);
+  JDual dir[3] = {JDual(0.0 / 0.0), JDual(0.0 / 0.0), JDual(0.0 / 0.0)};
+  detail::ExitPupilRay<JDual> ref_end, chief_end, ray_end;
+  JDual ref_opl, chief_opl, ray_opl;
+  if (!opd_end(reference, s, infinite, dir, ref_end, ref_opl) ||
+      !opd_end(chief, s, infinite, dir, chief_end, chief_opl) ||
+      !opd_end(ray, s, infinite, dir, ray_end, ray_opl)) {
+    return false;
+  }
+  double const* prow = a.index_table + static_cast<long>(a.primary_row) * n;
+  JDual const exit = compute_exit_pupil_position_t<JDual, double>(
+      s.curvatures, s.thicknesses, prow, a.surfaces, n, a.cfg.stop_surface, s.focal_lengths);
+  JDual const R = with_slots(a.reference_radii[i], fabs(exit));
+  JDual const C = R.value == 0.0 ? JDual(0.0) : -1.0 / R;
+  double const* wrow = a.index_table + static_cast<long>(row) * n;
+  double const g = n <= 1 ? 1.0 : wrow[n - 2];
+  double const lambda = a.wavelengths[row];
+  JDual k_chief, k_ray;
+  if (!compute_exit_pupil_waves_t<JDual>(ref_end, chief_end, R, C, a.afocal != 0, infinite,
+                                          infinite, g, lambda, k_chief) ||
+      !compute_exit_pupil_waves_t<JDual>(ref_end, ray_end, R, C, a.afocal != 0, infinite,
+                                          infinite, g, lambda, k_ray)) {
+    return false;
+  }
+  double const to_waves = 1000.0 / lambda;
+  value = (chief_opl * to_waves + k_chief) - (ray_opl * to_waves + k_ray);
+  return true;
+}
 
 // Entry e of candidate i.
 NUVRIX_HD void ray_entry_body(int i, int e, RayEntries const& a) {
@@ -353,10 +419,24 @@ NUVRIX_HD void ray_entry_body(int i, int e, RayEntries const& a) {
   chief.aim = a.chief_aims != nullptr ? a.chief_aims + 3 * item : nullptr;
   bool const y = a.coordinates[e] != 0;
   void* work = static_cast<char*>(a.work) + ray_jacobian_work_bytes(a.n) * item;
+  double const* values = a.values + at;
+  double const* factors = a.factors != nullptr ? a.factors + at : nullptr;
+  double* row_out = a.jacobian + item * a.variable_count;
+  if (a.ref_aims != nullptr) {
+    RayPassInput reference = chief;
+    reference.row = a.primary_row;
+    reference.stop_radius =
+        a.stop_radii[static_cast<long>(i) * a.stop_stride + (a.stop_stride > 1 ? a.primary_row : 0)];
+    reference.aim = a.ref_aims + 3 * item;
+    differentiate_item(a.surfaces, a.n, a.variable_surfaces, a.variable_count, values, factors,
+                       work, a.results[item], row_out, [&](RayDuals const& s, JDual& value) {
+                         return opd_measure(a, i, row, reference, chief, ray, s, value);
+                       });
+    return;
+  }
   differentiate_item(
-      a.surfaces, a.n, a.variable_surfaces, a.variable_count, a.values + at,
-      a.factors != nullptr ? a.factors + at : nullptr, work, a.results[item],
-      a.jacobian + item * a.variable_count, [&](RayDuals const& s, JDual& value) {
+      a.surfaces, a.n, a.variable_surfaces, a.variable_count, values, factors, work,
+      a.results[item], row_out, [&](RayDuals const& s, JDual& value) {
         RayD c, end;
         if (chief.aim != nullptr && !ray_pass(chief, s, c)) return false;
         if (!ray_pass(ray, s, end)) return false;

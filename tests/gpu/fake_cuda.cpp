@@ -137,7 +137,8 @@ CUresult cuLaunchKernel(void* f, unsigned gx, unsigned gy, unsigned gz, unsigned
                         unsigned bz, unsigned shared, void*, void** params, void** extra) {
   if (mode("launchfail")) return 700;
   std::string const& name = static_cast<Function*>(f)->name;
-  bool const spot = name == "nuvrix_spot_jacobian_kernel";
+  bool const spot =
+      name == "nuvrix_spot_jacobian_kernel" || name == "nuvrix_opd_jacobian_kernel";
   if ((gy != 1 && !spot) || gz != 1 || by != 1 || bz != 1 || shared != 0 || extra != nullptr) {
     return 1;
   }
@@ -212,8 +213,8 @@ CUresult cuLaunchKernel(void* f, unsigned gx, unsigned gy, unsigned gz, unsigned
         device<SurfaceData const>(params, 0), I(1), P(2), device<int const>(params, 3), I(4),
         P(5), P(6), nuvrix::kernels::ray_config(setup, setup[5]), I(8), I(9), P(10), P(11),
         P(12), P(13), device<int const>(params, 14), device<int const>(params, 15), I(16),
-        P(17), P(18), P(19), I(20), P(21), P(22), device<double>(params, 23),
-        device<double>(params, 24), I(25), device<void>(params, 26)};
+        P(17), P(18), P(19), I(20), P(21), P(22), P(23), P(24), P(25), I(26),
+        device<double>(params, 27), device<double>(params, 28), I(29), device<void>(params, 30)};
     int const E = a.entry_count;
     for (unsigned y = 0; y < gy; ++y) {
       for (int t = 0; t < threads; ++t) {

@@ -928,10 +928,11 @@ TEST(GpuLoader, RayJacobianMatchesTheCpuAnalyticRows) {
 }
 
 // The spot kernel's entries (a ray less the chief ray of its field and row)
-// equal the CPU's analytic rows of TRANSVERSE_X_CHIEF and _Y_CHIEF, and the
+// equal the CPU's analytic rows of TRANSVERSE_X_CHIEF and _Y_CHIEF, the OPD
+// kernel's those of OPD_RAW, and the
 // batched ray kernel's five entries equal the single ray kernel's rows, for
 // a population with aiming on.
-TEST(GpuLoader, SpotAndBatchedRayJacobiansMatch) {
+TEST(GpuLoader, SpotOpdAndBatchedRayJacobiansMatch) {
   std::vector<std::string> const all = all_kernels();
   Copy copy("", &all);
   ASSERT_EQ(copy.init(), 0);
@@ -956,8 +957,9 @@ TEST(GpuLoader, SpotAndBatchedRayJacobiansMatch) {
   config.stop_surface = nuvrix_test::kCookeStop;
   config.aperture_value = 12.5;
   config.ray_aiming = 1;
-  std::vector<double> values(static_cast<size_t>(C) * V), radii(C), positions(C);
+  std::vector<double> values(static_cast<size_t>(C) * V), radii(C), positions(C), reference(C);
   std::vector<double> stops(static_cast<size_t>(C) * W), ray_aims(3 * C * E), chief_aims(3 * C * E);
+  std::vector<double> ref_aims(3 * C * E);
   auto candidate = [&](int i) {
     std::vector<SurfaceData> s = sys.surfaces;
     for (int v = 0; v < V; ++v) s[v + 1].curvature = values[i * V + v];
@@ -971,6 +973,7 @@ TEST(GpuLoader, SpotAndBatchedRayJacobiansMatch) {
     nuvrix::MeritContext const ctx =
         nuvrix::build_context(s.data(), n, table.data(), W, &config, fields.data(), 3);
     radii[i] = ctx.pupil_radius, positions[i] = ctx.entrance_pupil_position;
+    reference[i] = ctx.reference_radius;
     for (int w = 0; w < W; ++w) {
       stops[i * W + w] =
           nuvrix::aim_stop_radius(s.data(), n, table.data() + w * n, &config, ctx.pupil_radius);
@@ -985,6 +988,9 @@ TEST(GpuLoader, SpotAndBatchedRayJacobiansMatch) {
       ASSERT_TRUE(nuvrix::aim_plain_launch(s.data(), n, row, config, fy, 0.0, radii[i],
                                            positions[i], stops[i * W + w], 0.0, 0.0,
                                            &chief_aims[3 * (i * E + e)]));
+      ASSERT_TRUE(nuvrix::aim_plain_launch(s.data(), n, table.data(), config, fy, 0.0, radii[i],
+                                           positions[i], stops[i * W], 0.0, 0.0,
+                                           &ref_aims[3 * (i * E + e)]));
     }
   }
   double const setup[6] = {0.0, 0.0, 1.0, static_cast<double>(config.stop_surface), 0.0, 12.5};
@@ -1021,6 +1027,46 @@ TEST(GpuLoader, SpotAndBatchedRayJacobiansMatch) {
       ASSERT_EQ(results[i * E + e], residuals[0]) << i << " " << e;
       for (int v = 0; v < V; ++v) {
         ASSERT_EQ(rows[(i * E + e) * V + v], jac[v]) << i << " " << e << " " << v;
+      }
+    }
+  }
+  // The OPD of the same entries against the CPU's rows of OPD_RAW.
+  auto opd = copy.fn<decltype(&nuvrix::gpu::cuda_run_opd_jacobian)>(
+      "_ZN6nuvrix3gpu21cuda_run_opd_jacobianEPK11SurfaceDataiPKdiPKiiS5_S5_S5_S5_S7_iiS5_S5_S7_"
+      "S5_iiS5_S5_S5_S5_S5_S5_S5_S5_PdS8_i");
+  ASSERT_NE(opd, nullptr);
+  ASSERT_EQ(opd(sys.surfaces.data(), n, table.data(), W, surfaces_of.data(), V, values.data(),
+                setup, field_y, field_x, entry_fields, E, 3, px, py, entry_rows, waves, 0, 0,
+                nullptr, radii.data(), positions.data(), stops.data(), ray_aims.data(),
+                chief_aims.data(), ref_aims.data(), reference.data(), results.data(), rows.data(),
+                C),
+            0);
+  for (int i = 0; i < C; ++i) {
+    std::vector<SurfaceData> const s = candidate(i);
+    for (int e = 0; e < E; ++e) {
+      MeritOperandDesc op = {};
+      op.type = 69, op.weight = 1.0, op.group_id = -1;
+      op.wave = entry_rows[e], op.hy = field_y[entry_fields[e]] / 20.0, op.px = px[e];
+      op.py = py[e];
+      MeritResult result[1], thread_result[1];
+      double residuals[2], thread_residuals[2], jac[2 * V], merit = 0.0, sd = 0.0, a = 0.0,
+                                                            b = 0.0;
+      SurfaceData work[8];
+      FieldData work_fields[3];
+      int slots = 0, sd_rows = 0;
+      ASSERT_EQ(jacobian(s.data(), n, table.data(), waves, W, &config, fields.data(), 3, &op, 1,
+                         vars.data(), V, nullptr, 0, 1, 0, 1, result, residuals, work,
+                         work_fields, thread_result, thread_residuals, jac, &slots, &merit, &sd,
+                         &sd_rows, &a, &b, nullptr),
+                0);
+      // The CPU's value is the plain OPD's, whose rays the front end aims to
+      // its own tolerance (the dual rays start from aim_to_stop's launch),
+      // a few parts in 1e12 of the waves here; its row comes from the same
+      // slots as the kernel's.
+      ASSERT_NEAR(results[i * E + e], residuals[0], 1e-10 * std::fabs(residuals[0]))
+          << "opd " << i << " " << e;
+      for (int v = 0; v < V; ++v) {
+        ASSERT_EQ(rows[(i * E + e) * V + v], jac[v]) << "opd " << i << " " << e << " " << v;
       }
     }
   }
