@@ -511,6 +511,30 @@ F fake(char const* name) {
   return reinterpret_cast<F>(dlsym(dlopen("libcuda.so", RTLD_NOW | RTLD_NOLOAD), name));
 }
 
+// The CPU's analytic value and Jacobian row of one operand, with respect to
+// curvature variables, on the surfaces s: false when the call fails.
+bool cpu_row(Copy const& copy, std::vector<SurfaceData> const& s, double const* table,
+             double const* waves, int wave_count, SystemConfig const& config,
+             std::vector<FieldData> const& fields, MeritOperandDesc const& op,
+             std::vector<MeritVariableDesc> const& vars, double& value, std::vector<double>& row) {
+  auto jacobian = copy.fn<decltype(&nuvrix_evaluate_merit_and_jacobian)>(
+      "nuvrix_evaluate_merit_and_jacobian");
+  int const V = static_cast<int>(vars.size()), F = static_cast<int>(fields.size());
+  MeritResult result[1], thread_result[1];
+  double residuals[2], thread_residuals[2], merit = 0.0, sd = 0.0, a = 0.0, b = 0.0;
+  std::vector<SurfaceData> work(s.size());
+  std::vector<FieldData> work_fields(fields.size());
+  row.assign(2 * V, 0.0);
+  int slots = 0, sd_rows = 0;
+  int const status = jacobian(s.data(), static_cast<int>(s.size()), table, waves, wave_count,
+                              &config, fields.data(), F, &op, 1, vars.data(), V, nullptr, 0, 1,
+                              0, 1, result, residuals, work.data(), work_fields.data(),
+                              thread_result, thread_residuals, row.data(), &slots, &merit, &sd,
+                              &sd_rows, &a, &b, nullptr);
+  value = residuals[0];
+  return status == 0;
+}
+
 }  // namespace
 
 // The grid kernel's rays, with their full records, aim and stopping
@@ -787,8 +811,6 @@ TEST(GpuLoader, EflJacobianMatchesTheCpuAnalyticRows) {
   ASSERT_EQ(run(sys.surfaces.data(), n, sys.row(0), surfaces_of.data(), V, values.data(),
                 factors.data(), results.data(), scaled.data(), C),
             0);
-  auto jacobian = copy.fn<decltype(&nuvrix_evaluate_merit_and_jacobian)>(
-      "nuvrix_evaluate_merit_and_jacobian");
   SystemConfig config = {};
   config.stop_surface = 5;
   config.aperture_value = 10.0;
@@ -799,19 +821,11 @@ TEST(GpuLoader, EflJacobianMatchesTheCpuAnalyticRows) {
   for (int i = 0; i < C; ++i) {
     std::vector<SurfaceData> s = sys.surfaces;
     for (int v = 0; v < V; ++v) s[v + 1].curvature = values[i * V + v];
-    MeritResult result[1];
-    double residuals[2], jac[2 * V], merit = 0.0, sd = 0.0, a = 0.0, b = 0.0;
-    SurfaceData work[12];
-    FieldData work_field[1];
-    MeritResult thread_result[1];
-    double thread_residuals[2];
-    int slots = 0, sd_rows = 0;
-    ASSERT_EQ(jacobian(s.data(), n, sys.indices.data(), &wave, 1, &config, &field, 1, &op, 1,
-                       vars.data(), V, nullptr, 0, 1, 0, 1, result, residuals, work, work_field,
-                       thread_result, thread_residuals, jac, &slots, &merit, &sd, &sd_rows, &a, &b,
-                       nullptr),
-              0);
-    ASSERT_EQ(results[i], residuals[0]) << i;
+    double value = 0.0;
+    std::vector<double> jac;
+    ASSERT_TRUE(cpu_row(copy, s, sys.indices.data(), &wave, 1, config, {field}, op, vars, value,
+                        jac));
+    ASSERT_EQ(results[i], value) << i;
     for (int v = 0; v < V; ++v) {
       ASSERT_EQ(rows[i * V + v], jac[v]) << i << " " << v;
       ASSERT_EQ(scaled[i * V + v], 2.0 * jac[v]) << i << " " << v;
@@ -865,8 +879,6 @@ TEST(GpuLoader, RayJacobianMatchesTheCpuAnalyticRows) {
   Run const run = copy.fn<Run>(
       "_ZN6nuvrix3gpu20cuda_run_ry_jacobianEPK11SurfaceDataiPKdPKiiddS5_dddiiS5_S5_S5_S5_PdS8_ii");
   ASSERT_NE(run, nullptr);
-  auto jacobian = copy.fn<decltype(&nuvrix_evaluate_merit_and_jacobian)>(
-      "nuvrix_evaluate_merit_and_jacobian");
   double const px = 0.3, py = 0.7;
   for (int aiming = 0; aiming < 2; ++aiming) {
     SystemConfig config = {};
@@ -906,18 +918,10 @@ TEST(GpuLoader, RayJacobianMatchesTheCpuAnalyticRows) {
       for (int i = 0; i < C; ++i) {
         std::vector<SurfaceData> s = sys.surfaces;
         for (int v = 0; v < V; ++v) s[v + 1].curvature = values[i * V + v];
-        MeritResult result[1], thread_result[1];
-        double residuals[2], thread_residuals[2], jac[2 * V], merit = 0.0, sd = 0.0, a = 0.0,
-                                                                b = 0.0;
-        SurfaceData work[8];
-        FieldData work_fields[3];
-        int slots = 0, sd_rows = 0;
-        ASSERT_EQ(jacobian(s.data(), n, table.data(), waves, W, &config, fields.data(), 3, &op,
-                           1, vars.data(), V, nullptr, 0, 1, 0, 1, result, residuals, work,
-                           work_fields, thread_result, thread_residuals, jac, &slots, &merit, &sd,
-                           &sd_rows, &a, &b, nullptr),
-                  0);
-        ASSERT_EQ(results[i], residuals[0]) << aiming << coordinate << " " << i;
+        double value = 0.0;
+        std::vector<double> jac;
+        ASSERT_TRUE(cpu_row(copy, s, table.data(), waves, W, config, fields, op, vars, value, jac));
+        ASSERT_EQ(results[i], value) << aiming << coordinate << " " << i;
         for (int v = 0; v < V; ++v) {
           ASSERT_EQ(rows[i * V + v], jac[v]) << aiming << coordinate << " " << i << " " << v;
         }
@@ -1004,8 +1008,6 @@ TEST(GpuLoader, SpotOpdAndBatchedRayJacobiansMatch) {
                  nullptr, radii.data(), positions.data(), stops.data(), ray_aims.data(),
                  chief_aims.data(), results.data(), rows.data(), C, 1),
             0);
-  auto jacobian = copy.fn<decltype(&nuvrix_evaluate_merit_and_jacobian)>(
-      "nuvrix_evaluate_merit_and_jacobian");
   for (int i = 0; i < C; ++i) {
     std::vector<SurfaceData> const s = candidate(i);
     for (int e = 0; e < E; ++e) {
@@ -1013,18 +1015,10 @@ TEST(GpuLoader, SpotOpdAndBatchedRayJacobiansMatch) {
       op.type = coords[e] != 0 ? 73u : 72u, op.weight = 1.0, op.group_id = -1;
       op.wave = entry_rows[e], op.hy = field_y[entry_fields[e]] / 20.0, op.px = px[e];
       op.py = py[e];
-      MeritResult result[1], thread_result[1];
-      double residuals[2], thread_residuals[2], jac[2 * V], merit = 0.0, sd = 0.0, a = 0.0,
-                                                            b = 0.0;
-      SurfaceData work[8];
-      FieldData work_fields[3];
-      int slots = 0, sd_rows = 0;
-      ASSERT_EQ(jacobian(s.data(), n, table.data(), waves, W, &config, fields.data(), 3, &op, 1,
-                         vars.data(), V, nullptr, 0, 1, 0, 1, result, residuals, work,
-                         work_fields, thread_result, thread_residuals, jac, &slots, &merit, &sd,
-                         &sd_rows, &a, &b, nullptr),
-                0);
-      ASSERT_EQ(results[i * E + e], residuals[0]) << i << " " << e;
+      double value = 0.0;
+      std::vector<double> jac;
+      ASSERT_TRUE(cpu_row(copy, s, table.data(), waves, W, config, fields, op, vars, value, jac));
+      ASSERT_EQ(results[i * E + e], value) << i << " " << e;
       for (int v = 0; v < V; ++v) {
         ASSERT_EQ(rows[(i * E + e) * V + v], jac[v]) << i << " " << e << " " << v;
       }
@@ -1048,22 +1042,14 @@ TEST(GpuLoader, SpotOpdAndBatchedRayJacobiansMatch) {
       op.type = 69, op.weight = 1.0, op.group_id = -1;
       op.wave = entry_rows[e], op.hy = field_y[entry_fields[e]] / 20.0, op.px = px[e];
       op.py = py[e];
-      MeritResult result[1], thread_result[1];
-      double residuals[2], thread_residuals[2], jac[2 * V], merit = 0.0, sd = 0.0, a = 0.0,
-                                                            b = 0.0;
-      SurfaceData work[8];
-      FieldData work_fields[3];
-      int slots = 0, sd_rows = 0;
-      ASSERT_EQ(jacobian(s.data(), n, table.data(), waves, W, &config, fields.data(), 3, &op, 1,
-                         vars.data(), V, nullptr, 0, 1, 0, 1, result, residuals, work,
-                         work_fields, thread_result, thread_residuals, jac, &slots, &merit, &sd,
-                         &sd_rows, &a, &b, nullptr),
-                0);
+      double value = 0.0;
+      std::vector<double> jac;
+      ASSERT_TRUE(cpu_row(copy, s, table.data(), waves, W, config, fields, op, vars, value, jac));
       // The CPU's value is the plain OPD's, whose rays the front end aims to
       // its own tolerance (the dual rays start from aim_to_stop's launch),
       // a few parts in 1e12 of the waves here; its row comes from the same
       // slots as the kernel's.
-      ASSERT_NEAR(results[i * E + e], residuals[0], 1e-10 * std::fabs(residuals[0]))
+      ASSERT_NEAR(results[i * E + e], value, 1e-10 * std::fabs(value))
           << "opd " << i << " " << e;
       for (int v = 0; v < V; ++v) {
         ASSERT_EQ(rows[(i * E + e) * V + v], jac[v]) << "opd " << i << " " << e << " " << v;
