@@ -104,6 +104,21 @@ int launch_and_wait(CUfunction f, int count, int block, void** params) {
   return 0;
 }
 
+// The steps of a value run after its own checks: the glass ids against the
+// catalogue (-8), the scratch (-3), the device (-1, -2).  1 to go on, with
+// the last driver error cleared.
+int begin_value_run(int const* ids, long id_count, int catalog_rows, long need, void* scratch,
+                    long scratch_bytes) {
+  for (long i = 0; i < id_count; ++i) {
+    if (ids[i] >= catalog_rows) return -8;  // beyond the catalogue
+  }
+  if (scratch == nullptr || need == 0 || scratch_bytes < need) return -3;
+  int const entered = detail::enter_device();
+  if (entered != 0) return entered;
+  g_last_cu_error = 0;
+  return 1;
+}
+
 }  // namespace
 
 int cuda_run_efl_value(SurfaceData const* surfaces, int n, double const* glass_catalog,
@@ -116,14 +131,10 @@ int cuda_run_efl_value(SurfaceData const* surfaces, int n, double const* glass_c
       curvatures == nullptr || thicknesses == nullptr || results == nullptr) {
     return -3;
   }
-  for (int i = 0; i < n; ++i) {
-    if (material_ids[i] >= catalog_rows) return -8;  // beyond the catalogue
-  }
-  long const need = cuda_efl_value_scratch_size(population, n);
-  if (scratch == nullptr || need == 0 || scratch_bytes < need) return -3;
-  int const entered = detail::enter_device();
-  if (entered != 0) return entered;
-  g_last_cu_error = 0;
+  int const ready = begin_value_run(material_ids, n, catalog_rows,
+                                    cuda_efl_value_scratch_size(population, n), scratch,
+                                    scratch_bytes);
+  if (ready != 1) return ready;
   long const N = n, P = population;
   Sections s = {reinterpret_cast<CUdeviceptr>(scratch)};
   CUdeviceptr d_surfaces = s.take(200 * N), d_ids = s.take(4 * N);
@@ -158,14 +169,10 @@ int cuda_run_ry_value(SurfaceData const* surfaces, int n, double const* glass_ca
       pupil_radii == nullptr || pupil_positions == nullptr || results == nullptr) {
     return -3;
   }
-  for (int i = 0; i < n; ++i) {
-    if (material_ids[i] >= catalog_rows) return -8;  // beyond the catalogue
-  }
-  long const need = cuda_ry_value_scratch_size(population, n);
-  if (scratch == nullptr || need == 0 || scratch_bytes < need) return -3;
-  int const entered = detail::enter_device();
-  if (entered != 0) return entered;
-  g_last_cu_error = 0;
+  int const ready = begin_value_run(material_ids, n, catalog_rows,
+                                    cuda_ry_value_scratch_size(population, n), scratch,
+                                    scratch_bytes);
+  if (ready != 1) return ready;
   long const N = n, P = population;
   Sections s = {reinterpret_cast<CUdeviceptr>(scratch)};
   CUdeviceptr d_surfaces = s.take(200 * N), d_ids = s.take(4 * N);
@@ -236,13 +243,6 @@ bool upload_population_rows(CUdeviceptr at, double const* rows, long population,
   return upload(at, rows, 8 * population * n);
 }
 
-bool ids_in_catalogue(int const* ids, long count, int catalog_rows) {
-  for (long i = 0; i < count; ++i) {
-    if (ids[i] >= catalog_rows) return false;
-  }
-  return true;
-}
-
 }  // namespace
 
 int cuda_run_merit_value(SurfaceData const* surfaces, int n, double const* glass_catalog,
@@ -263,13 +263,11 @@ int cuda_run_merit_value(SurfaceData const* surfaces, int n, double const* glass
     return -3;
   }
   long const N = n, P = population, W = wave_count, F = field_count, O = operand_count;
-  if (!ids_in_catalogue(material_ids, P * N, catalog_rows)) return -8;
-  long const need = cuda_merit_value_scratch_size(population, n, wave_count, field_count,
-                                                  operand_count);
-  if (scratch == nullptr || need == 0 || scratch_bytes < need) return -3;
-  int const entered = detail::enter_device();
-  if (entered != 0) return entered;
-  g_last_cu_error = 0;
+  int const ready = begin_value_run(
+      material_ids, P * N, catalog_rows,
+      cuda_merit_value_scratch_size(population, n, wave_count, field_count, operand_count),
+      scratch, scratch_bytes);
+  if (ready != 1) return ready;
   // The kernel first: it decides how the rows travel.  An absent optional
   // form falls back to the plain kernel.
   GpuState& st = state();

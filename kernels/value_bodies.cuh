@@ -24,6 +24,20 @@ NUVRIX_HD void catalogue_row(double const* catalog, int wave_count, int w,
   }
 }
 
+// Candidate i's copy of the base surfaces: its own curvature, thickness
+// and (when given) conic on every surface, from row i of each array.
+NUVRIX_HD void candidate_surfaces(int i, SurfaceData const* surfaces, int n,
+                                  double const* curvatures, double const* thicknesses,
+                                  double const* conics, SurfaceData* own) {
+  long const base = static_cast<long>(i) * n;
+  for (int k = 0; k < n; ++k) {
+    own[k] = surfaces[k];
+    own[k].curvature = curvatures[base + k];
+    own[k].thickness = thicknesses[base + k];
+    if (conics != nullptr) own[k].conic = conics[base + k];
+  }
+}
+
 // Candidate i of an EFL population: the base surfaces with the candidate's
 // curvatures and thicknesses (row i of each), its glasses at row
 // wave_index, and the focal length as calculate_efl_abcd forms it.
@@ -38,12 +52,7 @@ NUVRIX_HD void efl_value_body(int i, SurfaceData const* surfaces, double const* 
   }
   SurfaceData own[kMaxSurfaces];
   double row[kMaxSurfaces];
-  long const base = static_cast<long>(i) * n;
-  for (int k = 0; k < n; ++k) {
-    own[k] = surfaces[k];
-    own[k].curvature = curvatures[base + k];
-    own[k].thickness = thicknesses[base + k];
-  }
+  candidate_surfaces(i, surfaces, n, curvatures, thicknesses, nullptr, own);
   catalogue_row(catalog, wave_count, wave_index, material_ids, n, row);
   results[i] = calculate_efl_abcd(own, n, row);
 }
@@ -76,13 +85,7 @@ NUVRIX_HD void ry_value_body(int i, SurfaceData const* surfaces, double const* c
   }
   SurfaceData own[kMaxSurfaces];
   double row[kMaxSurfaces];
-  long const base = static_cast<long>(i) * n;
-  for (int k = 0; k < n; ++k) {
-    own[k] = surfaces[k];
-    own[k].curvature = curvatures[base + k];
-    own[k].thickness = thicknesses[base + k];
-    own[k].conic = conics[base + k];
-  }
+  candidate_surfaces(i, surfaces, n, curvatures, thicknesses, conics, own);
   catalogue_row(catalog, wave_count, wave_index, material_ids, n, row);
   SystemConfig config = {};
   config.field_type = ray.field_type;
