@@ -535,6 +535,33 @@ bool cpu_row(Copy const& copy, std::vector<SurfaceData> const& s, double const* 
   return status == 0;
 }
 
+// A population of curvature variables on surfaces 1 .. V: candidate i
+// moves curvature v by a fraction `spread` times one of -3 .. 3.
+struct Curvatures {
+  std::vector<int> surfaces_of;
+  std::vector<MeritVariableDesc> vars;
+  std::vector<double> values;  // C rows of V
+  Curvatures(nuvrix_test::System const& sys, int V, int C, double spread) {
+    for (int v = 0; v < V; ++v) {
+      surfaces_of.push_back(v + 1);
+      MeritVariableDesc d = {};
+      d.kind = 0, d.surface = v + 1;
+      vars.push_back(d);
+    }
+    for (int i = 0; i < C; ++i) {
+      for (int v = 0; v < V; ++v) {
+        values.push_back(sys.surfaces[v + 1].curvature * (1.0 + spread * ((i + 3 * v) % 7 - 3)));
+      }
+    }
+  }
+  std::vector<SurfaceData> candidate(nuvrix_test::System const& sys, int i) const {
+    std::vector<SurfaceData> s = sys.surfaces;
+    int const V = static_cast<int>(vars.size());
+    for (int v = 0; v < V; ++v) s[v + 1].curvature = values[i * V + v];
+    return s;
+  }
+};
+
 }  // namespace
 
 // The grid kernel's rays, with their full records, aim and stopping
@@ -787,19 +814,11 @@ TEST(GpuLoader, EflJacobianMatchesTheCpuAnalyticRows) {
       {1e10, 4.0, 1.0, 3.0, 2.0, 4.0, 6.0, 2.0, 1.0, 3.0, 40.0, 0.0},
       {1.0, 1.6, 1.0, 1.62, 1.0, 1.58, 1.0, 1.65, 1.0, 1.52, 1.0, 1.0});
   int const n = sys.count(), V = 10, C = 40;
-  std::vector<int> surfaces_of(V);
-  std::vector<MeritVariableDesc> vars(V);
-  for (int v = 0; v < V; ++v) {
-    surfaces_of[v] = v + 1;
-    vars[v] = MeritVariableDesc{};
-    vars[v].kind = 0, vars[v].surface = v + 1;
-  }
-  std::vector<double> values(static_cast<size_t>(C) * V), factors(values.size(), 2.0);
-  for (int i = 0; i < C; ++i) {
-    for (int v = 0; v < V; ++v) {
-      values[i * V + v] = sys.surfaces[v + 1].curvature * (1.0 + 0.01 * ((i + 3 * v) % 7 - 3));
-    }
-  }
+  Curvatures pop(sys, V, C, 0.01);
+  std::vector<int>& surfaces_of = pop.surfaces_of;
+  std::vector<MeritVariableDesc> const& vars = pop.vars;
+  std::vector<double> const& values = pop.values;
+  std::vector<double> factors(values.size(), 2.0);
   auto run = copy.fn<int (*)(SurfaceData const*, int, double const*, int const*, int,
                              double const*, double const*, double*, double*, int)>(
       "_ZN6nuvrix3gpu21cuda_run_efl_jacobianEPK11SurfaceDataiPKdPKiiS5_S5_PdS8_i");
@@ -819,8 +838,7 @@ TEST(GpuLoader, EflJacobianMatchesTheCpuAnalyticRows) {
   MeritOperandDesc op = {};
   op.type = 50, op.weight = 1.0, op.group_id = -1, op.wave = -1;
   for (int i = 0; i < C; ++i) {
-    std::vector<SurfaceData> s = sys.surfaces;
-    for (int v = 0; v < V; ++v) s[v + 1].curvature = values[i * V + v];
+    std::vector<SurfaceData> const s = pop.candidate(sys, i);
     double value = 0.0;
     std::vector<double> jac;
     ASSERT_TRUE(cpu_row(copy, s, sys.indices.data(), &wave, 1, config, {field}, op, vars, value,
@@ -860,25 +878,20 @@ TEST(GpuLoader, RayJacobianMatchesTheCpuAnalyticRows) {
   }
   double const waves[W] = {0.4861, 0.5876, 0.6563};
   std::vector<FieldData> const fields = {{0.0, 0.0, 0.0}, {14.0, 0.0, 0.0}, {20.0, 0.0, 0.0}};
-  std::vector<int> surfaces_of(V);
-  std::vector<MeritVariableDesc> vars(V);
-  for (int v = 0; v < V; ++v) {
-    surfaces_of[v] = v + 1;
-    vars[v] = MeritVariableDesc{};
-    vars[v].kind = 0, vars[v].surface = v + 1;
-  }
-  std::vector<double> values(static_cast<size_t>(C) * V);
-  for (int i = 0; i < C; ++i) {
-    for (int v = 0; v < V; ++v) {
-      values[i * V + v] = sys.surfaces[v + 1].curvature * (1.0 + 0.004 * ((i + 3 * v) % 7 - 3));
-    }
-  }
+  Curvatures const pop(sys, V, C, 0.004);
+  std::vector<int> const& surfaces_of = pop.surfaces_of;
+  std::vector<MeritVariableDesc> const& vars = pop.vars;
+  std::vector<double> const& values = pop.values;
   using Run = int (*)(SurfaceData const*, int, double const*, int const*, int, double, double,
                       double const*, double, double, double, int, int, double const*,
                       double const*, double const*, double const*, double*, double*, int, int);
   Run const run = copy.fn<Run>(
       "_ZN6nuvrix3gpu20cuda_run_ry_jacobianEPK11SurfaceDataiPKdPKiiddS5_dddiiS5_S5_S5_S5_PdS8_ii");
   ASSERT_NE(run, nullptr);
+  auto batched = copy.fn<decltype(&nuvrix::gpu::cuda_run_ry_batched_jacobian)>(
+      "_ZN6nuvrix3gpu28cuda_run_ry_batched_jacobianEPK11SurfaceDataiPKdPKiiS5_S5_S5_iS5_S5_S5_"
+      "iiS5_S5_S5_S5_PdS8_iS7_");
+  ASSERT_NE(batched, nullptr);
   double const px = 0.3, py = 0.7;
   for (int aiming = 0; aiming < 2; ++aiming) {
     SystemConfig config = {};
@@ -888,8 +901,7 @@ TEST(GpuLoader, RayJacobianMatchesTheCpuAnalyticRows) {
     config.ray_aiming = aiming;
     std::vector<double> frames(3 * C), aims(3 * C, 0.0);
     for (int i = 0; i < C; ++i) {
-      std::vector<SurfaceData> s = sys.surfaces;
-      for (int v = 0; v < V; ++v) s[v + 1].curvature = values[i * V + v];
+      std::vector<SurfaceData> const s = pop.candidate(sys, i);
       nuvrix::MeritContext const ctx =
           nuvrix::build_context(s.data(), n, table.data(), W, &config, fields.data(), 3);
       double const* row = table.data() + 2 * n;
@@ -912,12 +924,26 @@ TEST(GpuLoader, RayJacobianMatchesTheCpuAnalyticRows) {
                     values.data(), px, py, 12.5, 2, 1, nullptr, frames.data(), aims.data(), setup,
                     results.data(), rows.data(), C, 0),
                 0);
+      // The batched kernel with this one entry gives the same bits.
+      std::vector<double> radii(C), positions(C), stops(C), b_results(C), b_rows(rows.size());
+      for (int i = 0; i < C; ++i) {
+        radii[i] = frames[3 * i], positions[i] = frames[3 * i + 1], stops[i] = frames[3 * i + 2];
+      }
+      double const entry_field[2] = {20.0, 0.0}, batch_setup[6] = {0.0, 0.0, setup[2], setup[3],
+                                                                   0.0, 12.5};
+      int const is_x = coordinate == 0 ? 1 : 0;
+      ASSERT_EQ(batched(sys.surfaces.data(), n, table.data(), surfaces_of.data(), V, values.data(),
+                        batch_setup, entry_field, 1, &px, &py, nullptr, 1, 2, radii.data(),
+                        positions.data(), stops.data(), aims.data(), b_results.data(),
+                        b_rows.data(), C, &is_x),
+                0);
+      EXPECT_EQ(b_results, results);
+      EXPECT_EQ(b_rows, rows);
       MeritOperandDesc op = {};
       op.type = static_cast<unsigned>(coordinate), op.weight = 1.0, op.group_id = -1;
       op.wave = 2, op.hy = 1.0, op.px = px, op.py = py;
       for (int i = 0; i < C; ++i) {
-        std::vector<SurfaceData> s = sys.surfaces;
-        for (int v = 0; v < V; ++v) s[v + 1].curvature = values[i * V + v];
+        std::vector<SurfaceData> const s = pop.candidate(sys, i);
         double value = 0.0;
         std::vector<double> jac;
         ASSERT_TRUE(cpu_row(copy, s, table.data(), waves, W, config, fields, op, vars, value, jac));
@@ -932,11 +958,9 @@ TEST(GpuLoader, RayJacobianMatchesTheCpuAnalyticRows) {
 }
 
 // The spot kernel's entries (a ray less the chief ray of its field and row)
-// equal the CPU's analytic rows of TRANSVERSE_X_CHIEF and _Y_CHIEF, the OPD
-// kernel's those of OPD_RAW, and the
-// batched ray kernel's five entries equal the single ray kernel's rows, for
-// a population with aiming on.
-TEST(GpuLoader, SpotOpdAndBatchedRayJacobiansMatch) {
+// equal the CPU's analytic rows of TRANSVERSE_X_CHIEF and _Y_CHIEF, and the
+// OPD kernel's those of OPD_RAW, for a population with aiming on.
+TEST(GpuLoader, SpotAndOpdJacobiansMatchTheCpuAnalyticRows) {
   std::vector<std::string> const all = all_kernels();
   Copy copy("", &all);
   ASSERT_EQ(copy.init(), 0);
@@ -950,29 +974,19 @@ TEST(GpuLoader, SpotOpdAndBatchedRayJacobiansMatch) {
   int const entry_fields[E] = {2, 1, 2, 0, 1}, entry_rows[E] = {1, 0, 0, 1, 1};
   int const coords[E] = {1, 0, 0, 1, 1};
   double const px[E] = {0.3, 0.5, 0.0, 0.2, -0.4}, py[E] = {0.7, -0.5, 1.0, 0.6, 0.8};
-  std::vector<int> surfaces_of(V);
-  std::vector<MeritVariableDesc> vars(V);
-  for (int v = 0; v < V; ++v) {
-    surfaces_of[v] = v + 1;
-    vars[v] = MeritVariableDesc{};
-    vars[v].kind = 0, vars[v].surface = v + 1;
-  }
+  Curvatures const pop(sys, V, C, 0.004);
+  std::vector<int> const& surfaces_of = pop.surfaces_of;
+  std::vector<MeritVariableDesc> const& vars = pop.vars;
+  std::vector<double> const& values = pop.values;
   SystemConfig config = {};
   config.stop_surface = nuvrix_test::kCookeStop;
   config.aperture_value = 12.5;
   config.ray_aiming = 1;
-  std::vector<double> values(static_cast<size_t>(C) * V), radii(C), positions(C), reference(C);
+  std::vector<double> radii(C), positions(C), reference(C);
   std::vector<double> stops(static_cast<size_t>(C) * W), ray_aims(3 * C * E), chief_aims(3 * C * E);
   std::vector<double> ref_aims(3 * C * E);
-  auto candidate = [&](int i) {
-    std::vector<SurfaceData> s = sys.surfaces;
-    for (int v = 0; v < V; ++v) s[v + 1].curvature = values[i * V + v];
-    return s;
-  };
+  auto candidate = [&](int i) { return pop.candidate(sys, i); };
   for (int i = 0; i < C; ++i) {
-    for (int v = 0; v < V; ++v) {
-      values[i * V + v] = sys.surfaces[v + 1].curvature * (1.0 + 0.004 * ((i + 3 * v) % 7 - 3));
-    }
     std::vector<SurfaceData> const s = candidate(i);
     nuvrix::MeritContext const ctx =
         nuvrix::build_context(s.data(), n, table.data(), W, &config, fields.data(), 3);
@@ -1056,55 +1070,6 @@ TEST(GpuLoader, SpotOpdAndBatchedRayJacobiansMatch) {
       }
     }
   }
-  // The batched kernel: five entries of row 1 against one call of the
-  // single ray kernel each.
-  auto batched = copy.fn<decltype(&nuvrix::gpu::cuda_run_ry_batched_jacobian)>(
-      "_ZN6nuvrix3gpu28cuda_run_ry_batched_jacobianEPK11SurfaceDataiPKdPKiiS5_S5_S5_iS5_S5_S5_"
-      "iiS5_S5_S5_S5_PdS8_iS7_");
-  using Single = int (*)(SurfaceData const*, int, double const*, int const*, int, double, double,
-                         double const*, double, double, double, int, int, double const*,
-                         double const*, double const*, double const*, double*, double*, int, int);
-  Single const single = copy.fn<Single>(
-      "_ZN6nuvrix3gpu20cuda_run_ry_jacobianEPK11SurfaceDataiPKdPKiiddS5_dddiiS5_S5_S5_S5_PdS8_ii");
-  ASSERT_NE(batched, nullptr);
-  std::vector<double> entry_fields_yx(2 * E), row1_stops(C), aims(3 * C * E);
-  int is_x[E];
-  for (int e = 0; e < E; ++e) {
-    entry_fields_yx[2 * e] = field_y[entry_fields[e]], entry_fields_yx[2 * e + 1] = 0.0;
-    is_x[e] = coords[e] == 0 ? 1 : 0;
-  }
-  for (int i = 0; i < C; ++i) {
-    row1_stops[i] = stops[i * W + 1];
-    std::vector<SurfaceData> const s = candidate(i);
-    for (int e = 0; e < E; ++e) {
-      ASSERT_TRUE(nuvrix::aim_plain_launch(s.data(), n, table.data() + n, config,
-                                           entry_fields_yx[2 * e], 0.0, radii[i], positions[i],
-                                           row1_stops[i], px[e], py[e], &aims[3 * (i * E + e)]));
-    }
-  }
-  ASSERT_EQ(batched(sys.surfaces.data(), n, table.data(), surfaces_of.data(), V, values.data(),
-                    setup, entry_fields_yx.data(), E, px, py, nullptr, 0, 1, radii.data(),
-                    positions.data(), row1_stops.data(), aims.data(), results.data(), rows.data(),
-                    C, is_x),
-            0);
-  for (int e = 0; e < E; ++e) {
-    std::vector<double> frames(3 * C), one_aims(3 * C), r1(C), j1(static_cast<size_t>(C) * V);
-    for (int i = 0; i < C; ++i) {
-      frames[3 * i] = radii[i], frames[3 * i + 1] = positions[i], frames[3 * i + 2] = row1_stops[i];
-      for (int k = 0; k < 3; ++k) one_aims[3 * i + k] = aims[3 * (i * E + e) + k];
-    }
-    double const single_setup[6] = {0.0, 0.0, 1.0, static_cast<double>(config.stop_surface), 0.0,
-                                    static_cast<double>(coords[e])};
-    ASSERT_EQ(single(sys.surfaces.data(), n, table.data(), surfaces_of.data(), V,
-                     entry_fields_yx[2 * e], 0.0, values.data(), px[e], py[e], 12.5, 1, 0,
-                     nullptr, frames.data(), one_aims.data(), single_setup, r1.data(), j1.data(),
-                     C, 0),
-              0);
-    for (int i = 0; i < C; ++i) {
-      ASSERT_EQ(results[i * E + e], r1[i]) << e << " " << i;
-      for (int v = 0; v < V; ++v) ASSERT_EQ(rows[(i * E + e) * V + v], j1[i * V + v]);
-    }
-  }
   EXPECT_EQ(outstanding(), 0);
 }
 
@@ -1121,9 +1086,9 @@ TEST(GpuLoader, SemiDiameterJacobianFollowsTheSolve) {
   std::vector<FieldData> const fields = {{0.0, 0.0, 0.0}, {14.0, 0.0, 0.0}, {20.0, 0.0, 0.0}};
   double const wave = 0.5876;
   int const watched[2] = {2, 5};
-  std::vector<int> surfaces_of(V), e_surface, e_row;
+  Curvatures const pop(sys, V, C, 0.004);
+  std::vector<int> e_surface, e_row;
   std::vector<double> e_fy, e_px, e_py, e_scale;
-  for (int v = 0; v < V; ++v) surfaces_of[v] = v + 1;
   for (int k : watched) {
     for (int f = 0; f < F; ++f) {
       for (int j = 0; j < 8; ++j) {
@@ -1134,12 +1099,8 @@ TEST(GpuLoader, SemiDiameterJacobianFollowsTheSolve) {
     }
   }
   int const E = static_cast<int>(e_surface.size());
-  std::vector<double> values(static_cast<size_t>(C) * V);
-  for (int i = 0; i < C; ++i) {
-    for (int v = 0; v < V; ++v) {
-      values[i * V + v] = sys.surfaces[v + 1].curvature * (1.0 + 0.004 * ((i + 3 * v) % 7 - 3));
-    }
-  }
+  std::vector<int> const& surfaces_of = pop.surfaces_of;
+  std::vector<double> const& values = pop.values;
   auto solved = [&](std::vector<SurfaceData> s, SystemConfig const& cfg, int k) {
     copy.fn<decltype(&nuvrix_solve_semi_diameters)>("nuvrix_solve_semi_diameters")(
         s.data(), n, sys.indices.data(), &wave, 1, &cfg, fields.data(), F);
@@ -1156,8 +1117,7 @@ TEST(GpuLoader, SemiDiameterJacobianFollowsTheSolve) {
     cfg.ray_aiming = aiming;
     std::vector<double> radii(C), positions(C), stops(C), aims(3 * C * E);
     for (int i = 0; i < C; ++i) {
-      std::vector<SurfaceData> s = sys.surfaces;
-      for (int v = 0; v < V; ++v) s[v + 1].curvature = values[i * V + v];
+      std::vector<SurfaceData> const s = pop.candidate(sys, i);
       double const* row = sys.indices.data();
       radii[i] = nuvrix::paraxial_marginal_height(s.data(), n, row, cfg);
       positions[i] = nuvrix::compute_entrance_pupil_position(s.data(), n, row, cfg.stop_surface);
@@ -1179,8 +1139,7 @@ TEST(GpuLoader, SemiDiameterJacobianFollowsTheSolve) {
                   stops.data(), aims.data(), results.data(), rows.data(), C),
               0);
     for (int i = 0; i < C; ++i) {
-      std::vector<SurfaceData> s = sys.surfaces;
-      for (int v = 0; v < V; ++v) s[v + 1].curvature = values[i * V + v];
+      std::vector<SurfaceData> const s = pop.candidate(sys, i);
       for (int w = 0; w < 2; ++w) {
         int best = -1;
         for (int e = 0; e < E; ++e) {
