@@ -249,7 +249,9 @@ int check_entries(SurfaceData const* surfaces, int n, double const* index_table,
 
 namespace {
 
-// The spot and OPD runners: the same entries, a different kernel.
+// The spot and OPD runners: the same entries, a different kernel.  The
+// OPD needs its reference aims, wavelengths and reference radii; both need
+// chief_aims when they subtract the chief ray.
 int run_field_entries(SurfaceData const* surfaces, int n, double const* index_table,
                       int wave_count, int const* variable_surfaces, int variable_count,
                       double const* values, double const* setup, double const* field_y,
@@ -260,7 +262,8 @@ int run_field_entries(SurfaceData const* surfaces, int n, double const* index_ta
                       double const* pupil_positions, double const* stop_radii,
                       double const* ray_aims, double const* chief_aims, double const* ref_aims,
                       double const* reference_radii, double const* wavelengths, int afocal,
-                      double* results, double* rows, int count, CUfunction* kernel) {
+                      double* results, double* rows, int count, bool needs_chief, bool opd,
+                      CUfunction* kernel) {
   int const checked = check_entries(surfaces, n, index_table, variable_surfaces, variable_count,
                                     setup, entry_count, count);
   if (checked != 1) return checked;
@@ -271,7 +274,9 @@ int run_field_entries(SurfaceData const* surfaces, int n, double const* index_ta
   if (values == nullptr || field_y == nullptr || field_x == nullptr || entry_fields == nullptr ||
       px == nullptr || py == nullptr || entry_rows == nullptr || entry_coordinates == nullptr ||
       pupil_radii == nullptr || pupil_positions == nullptr || stop_radii == nullptr ||
-      ray_aims == nullptr || results == nullptr || rows == nullptr) {
+      ray_aims == nullptr || results == nullptr || rows == nullptr ||
+      (needs_chief && chief_aims == nullptr) ||
+      (opd && (ref_aims == nullptr || wavelengths == nullptr || reference_radii == nullptr))) {
     return -3;
   }
   EntryRun h = {};
@@ -309,13 +314,13 @@ int cuda_run_spot_jacobian(SurfaceData const* surfaces, int n, double const* ind
                            double const* pupil_positions, double const* stop_radii,
                            double const* ray_aims, double const* chief_aims, double* results,
                            double* rows, int count, int subtract_chief) {
-  if (subtract_chief != 0 && chief_aims == nullptr && count > 0) return -3;
+  if (subtract_chief == 0) chief_aims = nullptr;  // the plain coordinate
   return run_field_entries(surfaces, n, index_table, wave_count, variable_surfaces,
                            variable_count, values, setup, field_y, field_x, entry_fields,
                            entry_count, field_count, px, py, entry_rows, entry_coordinates,
                            primary_row, last_surface, factors, pupil_radii, pupil_positions,
-                           stop_radii, ray_aims, subtract_chief != 0 ? chief_aims : nullptr,
-                           nullptr, nullptr, nullptr, 0, results, rows, count,
+                           stop_radii, ray_aims, chief_aims, nullptr, nullptr, nullptr, 0,
+                           results, rows, count, subtract_chief != 0, false,
                            &state().spot_jacobian);
 }
 
@@ -330,17 +335,13 @@ int cuda_run_opd_jacobian(SurfaceData const* surfaces, int n, double const* inde
                           double const* ray_aims, double const* chief_aims,
                           double const* ref_aims, double const* reference_radii,
                           double* results, double* rows, int count) {
-  if (count > 0 && (wavelengths == nullptr || chief_aims == nullptr || ref_aims == nullptr ||
-                    reference_radii == nullptr)) {
-    return -3;
-  }
   static int const zeros[kMaxEntries] = {};
   return run_field_entries(surfaces, n, index_table, wave_count, variable_surfaces,
                            variable_count, values, setup, field_y, field_x, entry_fields,
                            entry_count, field_count, px, py, entry_rows, zeros, primary_row, 0,
                            factors, pupil_radii, pupil_positions, stop_radii, ray_aims,
                            chief_aims, ref_aims, reference_radii, wavelengths, afocal, results,
-                           rows, count, &state().opd_jacobian);
+                           rows, count, true, true, &state().opd_jacobian);
 }
 
 int cuda_run_ry_batched_jacobian(SurfaceData const* surfaces, int n, double const* index_table,
