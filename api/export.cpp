@@ -16,6 +16,7 @@
 #include "first_order/chromatic_focal_shift.hpp"
 #include "first_order/seidel.hpp"
 #include "first_order/semi_diameter.hpp"
+#include "merit/batched_eval.hpp"
 #include "merit/merit_eval.hpp"
 #include "merit/merit_function.hpp"
 #include "merit/merit_jacobian.hpp"
@@ -437,6 +438,29 @@ int32_t nuvrix_evaluate_merit(const SurfaceData* surfaces, int32_t n, const doub
   return nuvrix::evaluate_merit(surfaces, n, index_table, wavelengths, wave_count, config, fields,
                                 field_count, operands, operand_count, results, residuals,
                                 residual_count, merit, false, nullptr);
+}
+
+long nuvrix_batched_scratch_size(int32_t candidate_count, int32_t n, int32_t field_count,
+                                 int32_t operand_count, int32_t variable_count, int32_t unused_a,
+                                 int32_t unused_b) {
+  return nuvrix::batched_scratch_size(candidate_count, n, field_count, operand_count,
+                                      variable_count, unused_a, unused_b);
+}
+
+int32_t nuvrix_evaluate_merit_batched(
+    const SurfaceData* surfaces, int32_t n, const double* index_table, const double* wavelengths,
+    int32_t wave_count, const SystemConfig* config, const FieldData* fields, int32_t field_count,
+    const MeritOperandDesc* operands, int32_t operand_count, const MeritVariableDesc* variables,
+    int32_t variable_count, const MeritPickupDesc* pickups, int32_t pickup_count,
+    int32_t candidate_count, const double* candidate_x, double* residuals, double* jacobians,
+    MeritResult* results, double* merits, int32_t* residual_count, MeritBatchedConfig batch,
+    void* scratch, long scratch_size, double* sd_scratch, int32_t* sd_rows,
+    double* sd_scratch_a, double* sd_scratch_b, double* sd_scratch_c) {
+  return nuvrix::evaluate_merit_batched(
+      surfaces, n, index_table, wavelengths, wave_count, config, fields, field_count, operands,
+      operand_count, variables, variable_count, pickups, pickup_count, candidate_count,
+      candidate_x, residuals, jacobians, results, merits, residual_count, batch, scratch,
+      scratch_size, sd_scratch, sd_rows, sd_scratch_a, sd_scratch_b, sd_scratch_c);
 }
 
 int32_t nuvrix_evaluate_merit_and_jacobian(

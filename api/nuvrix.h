@@ -1002,6 +1002,69 @@ int32_t nuvrix_evaluate_merit_and_jacobian(
     int32_t* residual_count, double* merit, double* sd_scratch, int32_t* sd_rows,
     double* sd_scratch_a, double* sd_scratch_b, double* sd_scratch_c);
 
+/* Bytes of scratch for nuvrix_evaluate_merit_batched: the larger of the
+ * CPU's size (for each candidate two copies of the surfaces and two of the
+ * fields, each step rounded up to 16 bytes) and the size of the mixed CPU
+ * and device run.  0 when candidate_count, n or field_count is below 1.
+ * The last two arguments are not read. */
+long nuvrix_batched_scratch_size(int32_t candidate_count, int32_t n, int32_t field_count,
+                                 int32_t operand_count, int32_t variable_count, int32_t unused_a,
+                                 int32_t unused_b);
+
+/* The merit of candidate_count candidates of one system in one call.
+ * candidate_x holds a row of variable_count unbounded values a candidate
+ * (the transform of nuvrix_evaluate_merit_and_jacobian makes each physical
+ * and writes it into the candidate's copy).  Outputs a candidate: a row of
+ * residuals (2 operand_count slots, or 1 for an empty list), with
+ * want_jacobian (its lowest bit) a block of jacobians of that row length
+ * times variable_count (row-major as nuvrix_evaluate_merit_and_jacobian's),
+ * a block of operand_count results (results may be null), and its merit;
+ * residual_count gets candidate 0's count.  Each candidate equals
+ * nuvrix_evaluate_merit (values) or nuvrix_evaluate_merit_and_jacobian
+ * with config.jacobian_mode, a team of one (Jacobians) called alone on its
+ * system, bit for bit, at any thread count.
+ *   CPU (use_gpu 0): one team of thread_count threads (0 or negative: the
+ *     runtime's maximum) takes the candidates one at a time; each works in
+ *     its own part of scratch (16-byte aligned by the caller; at least the
+ *     CPU size of nuvrix_batched_scratch_size).  A failed candidate does
+ *     not stop the others: the returned status is the first non-zero one,
+ *     except that a negative status replaces a positive one.  The buffers
+ *     that scratch does not hold (a result block when results is null, and
+ *     the finite differences' own blocks) stand on each thread's stack, so
+ *     a list of more than 2048 operands that needs them returns -2.
+ *   Mixed (use_gpu 1): the CPU evaluates every candidate as above and the
+ *     device's Jacobian kernels give the rows of the operands they can
+ *     differentiate (EFFECTIVE_FOCAL_LENGTH, RAY_X, RAY_Y, TRANSVERSE_X and
+ *     TRANSVERSE_Y whose centroid group is wholly on the device), which
+ *     take the place of the CPU's rows; values, residuals and merits are
+ *     the CPU's.  Without Jacobians no kernel runs.  Returns -2 for a
+ *     system outside its entry conditions (variables other than 1 to 64
+ *     curvatures of surfaces 1 to n - 1, n outside 2 to 256, any pickup, no
+ *     index table, no field or more than 64, a paraxial lens, more than 1700
+ *     operands or none of non-zero weight, more than 512 ray entries, 64
+ *     distinct fields or pupil points among the ray operands, 16 single-
+ *     surface bound entries (BOUND_EDGE to BOUND_ASPECT), bound entries
+ *     with more than one field, OPD entries out of field order, aperture
+ *     type or ray aiming above 2 or field type above 1 when any operand is
+ *     one of the device's classes, five ray entries on different index
+ *     rows, scratch below nuvrix_batched_scratch_size) and for any failed
+ *     device run, without a device included; the outputs are then not to
+ *     be used.
+ * sd_scratch to sd_scratch_c go to each candidate's Jacobian unchanged.
+ * Returns 0 (also for candidate_count below 1, touching nothing), -2 for a
+ * null surfaces, fields, operands, variables, candidate_x, residuals,
+ * merits or scratch and for scratch below the CPU size, -3 for a variable of
+ * kind 5, or the merged status of the candidates. */
+int32_t nuvrix_evaluate_merit_batched(
+    const SurfaceData* surfaces, int32_t n, const double* index_table, const double* wavelengths,
+    int32_t wave_count, const SystemConfig* config, const FieldData* fields, int32_t field_count,
+    const MeritOperandDesc* operands, int32_t operand_count, const MeritVariableDesc* variables,
+    int32_t variable_count, const MeritPickupDesc* pickups, int32_t pickup_count,
+    int32_t candidate_count, const double* candidate_x, double* residuals, double* jacobians,
+    MeritResult* results, double* merits, int32_t* residual_count, MeritBatchedConfig batch,
+    void* scratch, long scratch_size, double* sd_scratch, int32_t* sd_rows,
+    double* sd_scratch_a, double* sd_scratch_b, double* sd_scratch_c);
+
 /* The legacy operand list: optical path difference (0, 1, 2), transverse x
  * and y against the chief ray (3, 5 and 4, 6), incidence load (7, only in
  * the _full form), angles at a surface (8, 9), relative illumination (10),

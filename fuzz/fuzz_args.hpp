@@ -264,6 +264,7 @@ enum MeritOp : uint8_t {
   kEvaluateMeritOperands,
   kEvaluateMeritOperandsFull,
   kEvaluateMeritAndJacobian,
+  kEvaluateMeritBatched,
   kMeritOpCount
 };
 
@@ -318,6 +319,22 @@ struct JacobianArgs {
     io.flag(parallel);
     io.count(thread_count, 2);
     io.flag(null_sd);
+  }
+};
+
+// The batch's own arguments beyond the Jacobian's: a few candidates (a
+// row of unbounded values each follows the pickups at the end of the
+// input), the device path, want_jacobian with its upper bits, and a
+// scratch one byte below the CPU's size.
+struct BatchArgs {
+  int32_t candidate_count = 0;  // -3 .. 3
+  bool use_gpu = false, short_scratch = false;
+  int32_t want_jacobian = 0;  // -3 .. 3
+  template <class IO>
+  void visit(IO& io) {
+    io.count(candidate_count, 3);
+    io.flag(use_gpu), io.flag(short_scratch);
+    io.count(want_jacobian, 3);
   }
 };
 

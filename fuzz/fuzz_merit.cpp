@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "first_order/semi_diameter.hpp"
 #include "fuzz/fuzz_args.hpp"
+#include "merit/variable_transform.hpp"
 
 using namespace nuvrix_fuzz;
 
@@ -191,6 +193,90 @@ void evaluate_jacobian(MeritArgs const& a, System& sys, Reader& in) {
   keep(jacobian);
 }
 
+// Candidate c of a batch as a host places it: the unbounded row made
+// physical and written, pickups, automatic semi-diameters; its merit alone.
+double single_merit(System const& sys, Buf<MeritOperandDesc> const& ops, int32_t count,
+                    Buf<MeritVariableDesc> const& vars, Buf<MeritPickupDesc> const& pickups,
+                    double const* x, int32_t* status) {
+  int32_t const n = sys.surface_count, nf = sys.field_count;
+  Buf<SurfaceData> s(n);
+  Buf<FieldData> f(nf);
+  for (int32_t i = 0; i < n; ++i) s[i] = sys.surfaces[i];
+  for (int32_t k = 0; k < nf; ++k) f[k] = sys.fields[k];
+  for (size_t v = 0; v < vars.size(); ++v) {
+    MeritVariableDesc const& var = vars[v];
+    double const p =
+        nuvrix::transform_to_physical(x[v], var.has_lower, var.lower, var.has_upper, var.upper);
+    nuvrix::apply_variable_value(var, p, s.data(), n, f.data(), nf);
+  }
+  nuvrix::apply_pickups(s.data(), n, pickups.data(), static_cast<int>(pickups.size()));
+  nuvrix_solve_semi_diameters(s.data(), n, sys.table.data(), sys.wavelengths.data(),
+                              sys.wavelength_count, &sys.config, f.data(), nf);
+  Buf<MeritResult> results(count);
+  double merit = -1.0;
+  *status = nuvrix_evaluate_merit(s.data(), n, sys.table.data(), sys.wavelengths.data(),
+                                  sys.wavelength_count, &sys.config, f.data(), nf, ops.data(),
+                                  count, results.data(), nullptr, nullptr, &merit);
+  return merit;
+}
+
+// The batch: its order of checks (no candidates, then kind 5, then the
+// scratch), outputs untouched without candidates, and on the CPU each
+// candidate's merit equal to the single evaluation of its system.
+void evaluate_batched(MeritArgs const& a, System& sys, Reader& in) {
+  JacobianArgs j;
+  BatchArgs b;
+  j.visit(in), b.visit(in);
+  int32_t const count = capped_operand_count(a.operand_count, sys.surface_count);
+  Buf<MeritOperandDesc> ops = read_operands<MeritOperandDesc>(in, count);
+  bound_azimuths(ops);
+  int32_t const nv = j.variable_count < 0 ? 0 : j.variable_count;
+  int32_t const np = j.pickup_count < 0 ? 0 : j.pickup_count;
+  Buf<MeritVariableDesc> vars = read_operands<MeritVariableDesc>(in, nv);
+  Buf<MeritPickupDesc> pickups = read_operands<MeritPickupDesc>(in, np);
+  int32_t const C = b.candidate_count, rows = C > 0 ? C : 0;
+  Buf<double> x(product(rows, nv) + 1);
+  for (size_t k = 0; k < x.size(); ++k) x[k] = in.f64();
+  int32_t const n = sys.surface_count, nf = sys.field_count, width = count > 0 ? 2 * count : 1;
+  long const need = nuvrix_batched_scratch_size(C, n, nf, count, nv, 0, 0);
+  long const cpu = product(rows, 2 * ((200L * n + 15) / 16 * 16 + (24L * nf + 15) / 16 * 16));
+  Buf<double> scratch(need / 8 + 2);
+  Buf<double> residuals(product(rows, width) + 1), merits(rows + 1);
+  Buf<double> jacobians(product(product(rows, width), nv) + 1);
+  Buf<MeritResult> results(product(rows, count) + 1);
+  for (size_t k = 0; k < merits.size(); ++k) merits[k] = -5.0;
+  double sd = 0.0, sa = 0.0, sb = 0.0;
+  int32_t sr = 0, residual_count = -1;
+  MeritBatchedConfig const config = {b.use_gpu ? 1 : 0, j.mode, j.thread_count, b.want_jacobian,
+                                     {}};
+  int32_t const ret = nuvrix_evaluate_merit_batched(
+      sys.surfaces.data(), n, sys.table.data(), sys.wavelengths.data(), sys.wavelength_count,
+      &sys.config, sys.fields.data(), nf, ops.data(), count, vars.data(), nv, pickups.data(), np,
+      C, x.data(), residuals.data(), jacobians.data(), results.data(), merits.data(),
+      &residual_count, config, scratch.data(), b.short_scratch ? cpu - 1 : need,
+      j.null_sd ? nullptr : &sd, &sr, &sa, &sb, nullptr);
+
+  bool kind5 = false;
+  for (int32_t v = 0; v < nv; ++v) kind5 = kind5 || vars[v].kind == 5;
+  if (C < 1) {
+    if (ret != 0 || merits[0] != -5.0 || residual_count != -1) broken("batch without candidates");
+    return;
+  }
+  if (n < 1 || nf < 1) return;  // no scratch to speak of: a null pointer or a size of 0
+  if (kind5 != (ret == -3)) broken("batch: kind 5 and -3 go together");
+  if (!kind5 && !b.use_gpu && b.short_scratch && ret != -2) broken("batch: short scratch");
+  if (ret < -3 || ret == -1) broken("batch: status out of range");
+  if (ret != 0 || b.use_gpu || (b.want_jacobian & 1) != 0) return;
+  for (int32_t c = 0; c < C; ++c) {
+    int32_t status = 0;
+    double const merit = single_merit(sys, ops, count, vars, pickups, x.data() + product(c, nv),
+                                      &status);
+    if (status != 0 || std::memcmp(&merit, &merits[c], sizeof merit) != 0) {
+      broken("batch: a candidate differs from its single evaluation");
+    }
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
@@ -204,6 +290,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     case kEvaluateMeritOperands: evaluate_legacy(a, sys, in, false); break;
     case kEvaluateMeritOperandsFull: evaluate_legacy(a, sys, in, true); break;
     case kEvaluateMeritAndJacobian: evaluate_jacobian(a, sys, in); break;
+    case kEvaluateMeritBatched: evaluate_batched(a, sys, in); break;
   }
   return 0;
 }

@@ -393,7 +393,7 @@ void emit_merit(Lens const& lens, std::string const& name, MeritArgs a,
 // The Jacobian of a merit function over a few curvatures and a thickness,
 // one of them bounded, with a pickup.
 void emit_jacobian(Lens const& lens, std::string const& name, JacobianArgs j,
-                   std::vector<MeritOperandDesc> const& ops) {
+                   std::vector<MeritOperandDesc> const& ops, BatchArgs const* batch = nullptr) {
   std::vector<MeritVariableDesc> vars;
   int const n = static_cast<int>(lens.records.surfaces.size());
   for (int s = 1; s < n - 1 && vars.size() < 4; ++s) {
@@ -410,10 +410,12 @@ void emit_jacobian(Lens const& lens, std::string const& name, JacobianArgs j,
   j.variable_count = static_cast<int32_t>(vars.size());
   j.pickup_count = static_cast<int32_t>(pickups.size());
   Writer w;
-  w.u8(kEvaluateMeritAndJacobian);
+  w.u8(batch != nullptr ? kEvaluateMeritBatched : kEvaluateMeritAndJacobian);
   a.visit(w);
   write_system(w, merit_records(lens));
   j.visit(w);
+  BatchArgs b = batch != nullptr ? *batch : BatchArgs{};
+  if (batch != nullptr) b.visit(w);
   for (MeritOperandDesc const& d : ops) {
     MeritOperandInput in;
     in.record = d;
@@ -429,7 +431,18 @@ void emit_jacobian(Lens const& lens, std::string const& name, JacobianArgs j,
     in.record = d;
     in.visit(w);
   }
-  save("fuzz_merit", kEvaluateMeritAndJacobian, name, w);
+  // The candidates: the lens's own values a little apart, in x.
+  for (int c = 0; batch != nullptr && c < b.candidate_count; ++c) {
+    for (MeritVariableDesc const& v : vars) {
+      SurfaceData const& s = lens.records.surfaces[v.surface];
+      double const p = (v.kind == 0 ? s.curvature : s.thickness) * (1.0 + 0.01 * c);
+      double const x = v.has_lower != 0 ? std::log((p - v.lower) / (v.upper - p)) : p;
+      w.f64(x);
+    }
+  }
+  if (batch != nullptr) w.f64(0.0);  // the spare value after the rows
+  save("fuzz_merit", batch != nullptr ? kEvaluateMeritBatched : kEvaluateMeritAndJacobian, name,
+       w);
 }
 
 // The legacy list, codes 0 to 12, at 0.7 of the field.
@@ -457,6 +470,12 @@ void merit_seeds(Lens const& lens) {
     j.parallel = mode == 0;
     j.thread_count = 2;
     emit_jacobian(lens, lens.name + (mode == 0 ? "_fd" : "_analytic"), j, ops);
+    for (int want : {0, 1}) {
+      BatchArgs b;
+      b.candidate_count = 3, b.want_jacobian = want, b.use_gpu = want == 1 && mode == 1;
+      emit_jacobian(lens, lens.name + "_batch" + std::to_string(mode) + std::to_string(want), j,
+                    ops, &b);
+    }
   }
   if (lens.name == "cooke") {
     MeritArgs bare;  // no outputs but the count of unsupported operands

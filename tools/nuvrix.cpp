@@ -67,6 +67,7 @@ int main(int argc, char** argv) {
   lensfile::print_encircled_energy(lens);
   lensfile::print_field_curves(lens);
   lensfile::print_merit(lens);
+  lensfile::print_batch(lens);
   lensfile::print_device(lens);
   return 0;
 }

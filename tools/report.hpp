@@ -75,6 +75,11 @@ void print_field_curves(const Lens& lens);
 // and status, then the unsupported count, the residual count and the merit.
 void print_merit(const Lens& lens);
 
+// A few hundred random perturbations of the lens in one batch: the spread
+// of their merits, the time on one thread and on every core, with
+// Jacobians, and through the mixed CPU and device run.
+void print_batch(const Lens& lens);
+
 // What the engine's GPU set-up found; with a device, the merit of a few
 // thousand random perturbations of the lens in one launch, timed beside
 // the CPU.

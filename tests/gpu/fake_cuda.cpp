@@ -28,6 +28,7 @@ struct Module {
 int g_outstanding = 0;     // device allocations not yet freed
 std::string g_last_kernel;  // the kernel that ran last
 int g_launches = 0;         // launches of the grid kernel
+int g_all_launches = 0;     // launches of any kernel
 int g_last_rays = 0;        // rays of the last grid launch
 
 bool mode(char const* m) {
@@ -57,6 +58,7 @@ extern "C" {
 int fake_cuda_outstanding() { return g_outstanding; }
 char const* fake_cuda_last_kernel() { return g_last_kernel.c_str(); }
 int fake_cuda_grid_launches() { return g_launches; }
+int fake_cuda_launches() { return g_all_launches; }
 int fake_cuda_last_rays() { return g_last_rays; }
 
 CUresult cuInit(unsigned) { return 0; }
@@ -136,7 +138,9 @@ CUresult cuMemsetD8_v2(unsigned long long d, unsigned char v, size_t bytes) {
 CUresult cuLaunchKernel(void* f, unsigned gx, unsigned gy, unsigned gz, unsigned bx, unsigned by,
                         unsigned bz, unsigned shared, void*, void** params, void** extra) {
   if (mode("launchfail")) return 700;
+  ++g_all_launches;
   std::string const& name = static_cast<Function*>(f)->name;
+  g_last_kernel = name;
   bool const spot =
       name == "nuvrix_spot_jacobian_kernel" || name == "nuvrix_opd_jacobian_kernel";
   if ((gy != 1 && !spot) || gz != 1 || by != 1 || bz != 1 || shared != 0 || extra != nullptr) {
@@ -256,7 +260,6 @@ CUresult cuLaunchKernel(void* f, unsigned gx, unsigned gy, unsigned gz, unsigned
         D(30), D(31), integer(params, 32), device<double const>(params, 33),
         integer(params, 34)};
     for (int i = 0; i < threads; ++i) nuvrix::kernels::trace_grid_body(i, g);
-    g_last_kernel = name;
     ++g_launches;
     g_last_rays = integer(params, 34);
     return 0;
@@ -297,7 +300,6 @@ CUresult cuLaunchKernel(void* f, unsigned gx, unsigned gy, unsigned gz, unsigned
         device<MeritResult>(params, 16),       device<double>(params, 17),
         device<double>(params, 18),            integer(params, 19)};
     for (int i = 0; i < threads; ++i) nuvrix::kernels::merit_value_body(i, layout, p);
-    g_last_kernel = name;
     return 0;
   }
   return 1;  // a kernel the stand-in cannot run

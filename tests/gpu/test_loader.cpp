@@ -22,6 +22,7 @@
 #include "first_order/semi_diameter.hpp"
 #include "merit/dual_launch.hpp"
 #include "merit/merit_context.hpp"
+#include "merit/variable_transform.hpp"
 #include "tests/systems.hpp"
 #include "trace/front_ends.hpp"
 
@@ -1163,4 +1164,201 @@ TEST(GpuLoader, SemiDiameterJacobianFollowsTheSolve) {
     }
   }
   EXPECT_EQ(outstanding(), 0);
+}
+
+namespace {
+
+// A batch of the Cooke triplet with aspheric back surface for the mixed
+// run: six curvature variables (two bounded), a population around the
+// lens, and the operand list of each case.
+struct MixedBatch {
+  nuvrix_test::System sys = nuvrix_test::cooke_triplet();
+  SystemConfig cfg = {};
+  std::vector<double> waves = {0.5876, 0.4861};
+  std::vector<FieldData> fields = {{0.0, 0.0, 0.0}, {14.0, 0.0, 0.0}, {20.0, 0.0, 0.0}};
+  std::vector<MeritOperandDesc> ops;
+  std::vector<MeritVariableDesc> vars;
+  std::vector<MeritPickupDesc> pickups;
+  std::vector<double> x, residuals, jacobians, merits;
+  std::vector<MeritResult> results;
+  int C = 9, count = 0;
+
+  MixedBatch() {
+    for (int i : {1, 3, 5}) sys.surfaces[i].is_glass = 1;
+    sys.surfaces[6].conic = -0.6, sys.surfaces[6].coefficients[0] = 2e-6;
+    for (double v : std::vector<double>(sys.indices)) sys.indices.push_back(v + 0.012 * (v > 1.0));
+    cfg.stop_surface = nuvrix_test::kCookeStop, cfg.aperture_value = 10.0;
+    for (int i = 1; i <= 6; ++i) {
+      MeritVariableDesc v = {};
+      v.kind = 0, v.surface = i, v.field = -1;
+      if (i == 2 || i == 5) v.has_lower = v.has_upper = 1, v.lower = -0.06, v.upper = 0.06;
+      vars.push_back(v);
+    }
+    for (int c = 0; c < C; ++c) {
+      for (int v = 0; v < 6; ++v) {
+        MeritVariableDesc const& var = vars[v];
+        double const p = sys.surfaces[var.surface].curvature + 0.0015 * std::sin(1.7 * c + v);
+        x.push_back(nuvrix::transform_to_unbounded(p, var.has_lower, var.lower, var.has_upper,
+                                                   var.upper));
+      }
+    }
+  }
+  MeritOperandDesc& add(unsigned code, double hy = 0.0, double px = 0.0, double py = 0.0) {
+    MeritOperandDesc op = {};
+    op.type = code, op.weight = 1.0, op.group_id = -1, op.wave = -1;
+    op.hy = hy, op.px = px, op.py = py;
+    ops.push_back(op);
+    return ops.back();
+  }
+  int run(Copy const& copy, int use_gpu, int mode) {
+    auto batched = copy.fn<decltype(&nuvrix_evaluate_merit_batched)>(
+        "nuvrix_evaluate_merit_batched");
+    auto size = copy.fn<decltype(&nuvrix_batched_scratch_size)>("nuvrix_batched_scratch_size");
+    int const n = sys.count(), M = static_cast<int>(ops.size()), V = static_cast<int>(vars.size());
+    int const F = static_cast<int>(fields.size());
+    long const bytes = size(C, n, F, M, V, 0, 0);
+    std::vector<double> scratch(static_cast<size_t>(bytes / 8 + 1));
+    residuals.assign(static_cast<size_t>(C) * 2 * M, 0.0);
+    jacobians.assign(residuals.size() * V, 0.0);
+    merits.assign(C, 0.0);
+    results.assign(static_cast<size_t>(C) * M, {0.0, 0});
+    double sd = 0.0, a = 0.0, b = 0.0;
+    int rows = 0;
+    MeritBatchedConfig const config = {use_gpu, mode, 2, 1, {}};
+    return batched(sys.surfaces.data(), n, sys.indices.data(), waves.data(), 2, &cfg,
+                   fields.data(), F, ops.data(), M, vars.data(), V, pickups.data(),
+                   static_cast<int>(pickups.size()), C, x.data(), residuals.data(),
+                   jacobians.data(), results.data(), merits.data(), &count, config,
+                   scratch.data(), bytes, &sd, &rows, &a, &b, nullptr);
+  }
+};
+
+int launches() {
+  void* fake = dlopen("libcuda.so", RTLD_NOW | RTLD_NOLOAD);
+  return reinterpret_cast<int (*)()>(dlsym(fake, "fake_cuda_launches"))();
+}
+std::string last_kernel() {
+  void* fake = dlopen("libcuda.so", RTLD_NOW | RTLD_NOLOAD);
+  return reinterpret_cast<char const* (*)()>(dlsym(fake, "fake_cuda_last_kernel"))();
+}
+
+}  // namespace
+
+// The mixed batch against the CPU batch.  With finite differences on the
+// CPU, the rows that the device gives (focal length, rays, transverse rays
+// with their centroid) must equal the CPU's analytic rows, and every other
+// row the CPU's finite-difference rows: so the device's rows are seen to
+// take their place.  Values are the CPU's in both.
+TEST(GpuLoader, MixedBatchTakesTheDeviceRowsOfItsClasses) {
+  std::vector<std::string> const all = all_kernels();
+  Copy copy("", &all);
+  ASSERT_EQ(copy.init(), 0);
+  for (int aiming = 0; aiming < 2; ++aiming) {
+    for (bool five : {false, true}) {
+      MixedBatch m;
+      m.cfg.ray_aiming = aiming;
+      m.add(50).target = 50.0;
+      m.add(1, 1.0, 0.0, 1.0).surface = 3;  // RAY_Y on surface 3
+      m.add(0, 0.7, 0.6, 0.2).wave = 1;
+      for (double py : {1.0, -0.6}) m.add(71, 1.0, 0.0, py).centroid_tag = 1;
+      if (!five) {
+        m.add(70, 0.7, 0.8, 0.1), m.add(71, 0.7, 0.0, -0.7), m.ops[0].transform = 8;
+        m.ops[2].wave = -1, m.ops[1].surface = 0;
+      } else {
+        m.ops[2].wave = -1, m.ops[1].surface = 0;  // five entries to the image on one row
+        m.add(70, 0.7, 0.8, 0.1);
+      }
+      MeritOperandDesc& edge = m.add(44);  // several surfaces: on the CPU
+      edge.surface_first = 1, edge.surface_last = 5, edge.has_lower = 1, edge.lower = 3.5;
+      int const M = static_cast<int>(m.ops.size()), V = 6, R = 2 * M;
+      ASSERT_EQ(m.run(copy, 0, 1), 0);
+      std::vector<double> const analytic = m.jacobians, merits = m.merits;
+      ASSERT_EQ(m.run(copy, 0, 0), 0);
+      std::vector<double> const differences = m.jacobians;
+      int const before = launches();
+      ASSERT_EQ(m.run(copy, 1, 0), 0);
+      EXPECT_EQ(m.merits, merits);
+      EXPECT_EQ(launches() - before, five ? 2 : 1 + (M - 2));
+      EXPECT_EQ(last_kernel(), five ? "nuvrix_ry_batched_jacobian_kernel"
+                                    : "nuvrix_ry_jacobian_kernel");
+      for (int c = 0; c < m.C; ++c) {
+        for (int r = 0; r < m.count; ++r) {
+          bool const device = r < M - 1;  // every operand but the edge, in order
+          std::vector<double> const& want = device ? analytic : differences;
+          for (int v = 0; v < V; ++v) {
+            size_t const k = (static_cast<size_t>(c) * R + r) * V + v;
+            EXPECT_NEAR(m.jacobians[k], want[k], 1e-10 * std::fabs(want[k]) + 1e-12)
+                << aiming << five << " candidate " << c << " row " << r << " v " << v;
+          }
+        }
+      }
+    }
+  }
+  EXPECT_EQ(outstanding(), 0);
+}
+
+// Each refusal of the mixed run's entry conditions, the CPU-only list that
+// runs no kernel, and a process without a device.
+TEST(GpuLoader, MixedBatchRefusals) {
+  std::vector<std::string> const all = all_kernels();
+  Copy copy("", &all);
+  ASSERT_EQ(copy.init(), 0);
+  auto rays = [](MixedBatch& m, int count) {
+    for (int k = 0; k < count; ++k) m.add(1, (k / 64) / 8.0, (k % 64) / 64.0 - 0.5, 0.3);
+  };
+  auto bounds = [](MixedBatch& m, int count) {
+    m.fields.resize(1);
+    for (int k = 0; k < count; ++k) {
+      MeritOperandDesc& b = m.add(46);
+      b.surface_first = b.surface_last = 1 + k % 6, b.has_upper = 1, b.upper = 30.0;
+    }
+  };
+  struct Case {
+    char const* what;
+    void (*edit)(MixedBatch&);
+    int want;
+  } const cases[] = {
+      {"a thickness variable", [](MixedBatch& m) { m.add(50), m.vars[0].kind = 1; }, -2},
+      {"a paraxial lens", [](MixedBatch& m) { m.add(50), m.sys.surfaces[7].type = 2; }, -2},
+      {"1701 operands", [](MixedBatch& m) { for (int k = 0; k < 1701; ++k) m.add(50); }, -2},
+      {"a pickup", [](MixedBatch& m) { m.add(50), m.pickups.push_back({6, 2, 1, 1.0, 0.0}); }, -2},
+      {"all weights 0", [](MixedBatch& m) { m.add(50).weight = 0.0; }, -2},
+      {"513 ray entries", [](MixedBatch& m) { m.fields.resize(1); }, -2},
+      {"512 ray entries", [](MixedBatch& m) { m.fields.resize(1); }, 0},
+      {"17 bound entries", [](MixedBatch& m) { m.fields.resize(1); }, -2},
+      {"OPD out of field order",
+       [](MixedBatch& m) {
+         m.add(1, 0.0), m.add(1, 1.0), m.add(69, 1.0, 0.0, 1.0), m.add(69, 0.0, 0.0, 1.0);
+       },
+       -2},
+      {"five ray entries on two rows",
+       [](MixedBatch& m) {
+         for (int k = 0; k < 5; ++k) m.add(71, 1.0, 0.0, 0.2 * k).wave = k == 4;
+       },
+       -2},
+      {"class 13 only", [](MixedBatch& m) { m.add(57), m.add(44).surface_last = 3; }, 0},
+  };
+  for (Case const& c : cases) {
+    MixedBatch m;
+    m.C = 3, m.x.resize(3 * 6);
+    c.edit(m);
+    std::string const what = c.what;
+    if (what == "513 ray entries") rays(m, 513);
+    if (what == "512 ray entries") rays(m, 512);
+    if (what == "17 bound entries") bounds(m, 17);
+    int const before = launches();
+    EXPECT_EQ(m.run(copy, 1, 1), c.want) << c.what;
+    if (what == "class 13 only") {
+      EXPECT_EQ(launches(), before) << c.what;
+    }
+  }
+  // Sixteen bound entries are taken, and without a device the run refuses.
+  MixedBatch m;
+  m.C = 3, m.x.resize(3 * 6);
+  bounds(m, 16);
+  EXPECT_EQ(m.run(copy, 1, 1), 0);
+  Copy none("nodevice", &all);
+  m.add(50);
+  EXPECT_EQ(m.run(none, 1, 1), -2);
+  EXPECT_EQ(m.run(none, 0, 1), 0);
 }
