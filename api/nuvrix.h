@@ -1032,24 +1032,34 @@ long nuvrix_batched_scratch_size(int32_t candidate_count, int32_t n, int32_t fie
  *     that scratch does not hold (a result block when results is null, and
  *     the finite differences' own blocks) stand on each thread's stack, so
  *     a list of more than 2048 operands that needs them returns -2.
- *   Mixed (use_gpu 1): the CPU evaluates every candidate as above and the
- *     device's Jacobian kernels give the rows of the operands they can
- *     differentiate (EFFECTIVE_FOCAL_LENGTH, RAY_X, RAY_Y, TRANSVERSE_X and
- *     TRANSVERSE_Y whose centroid group is wholly on the device), which
- *     take the place of the CPU's rows; values, residuals and merits are
- *     the CPU's.  Without Jacobians no kernel runs.  Returns -2 for a
- *     system outside its entry conditions (variables other than 1 to 64
- *     curvatures of surfaces 1 to n - 1, n outside 2 to 256, any pickup, no
- *     index table, no field or more than 64, a paraxial lens, more than 1700
- *     operands or none of non-zero weight, more than 512 ray entries, 64
- *     distinct fields or pupil points among the ray operands, 16 single-
- *     surface bound entries (BOUND_EDGE to BOUND_ASPECT), bound entries
- *     with more than one field, OPD entries out of field order, aperture
- *     type or ray aiming above 2 or field type above 1 when any operand is
- *     one of the device's classes, five ray entries on different index
- *     rows, scratch below nuvrix_batched_scratch_size) and for any failed
- *     device run, without a device included; the outputs are then not to
- *     be used.
+ *   Mixed (use_gpu 1): the CPU evaluates every candidate as above (on
+ *     copies on each thread's stack), and finds the first order, the aims
+ *     of the device's rays and which pupil sample set each automatic
+ *     semi-diameter that a bound reads; then the device's Jacobian kernels
+ *     differentiate EFFECTIVE_FOCAL_LENGTH, RAY_X and RAY_Y, TRANSVERSE_X
+ *     and _Y, TRANSVERSE_X_CHIEF and _Y_CHIEF, OPD_RAW, OPD_TILT_FREE and
+ *     OPD_PISTON_FREE, and the single-surface bounds BOUND_EDGE (all, air,
+ *     glass), BOUND_SEMI_DIAMETER and BOUND_ASPECT (the last three through
+ *     the sample rays of the semi-diameter solve and, for the edges, the
+ *     sag over dual numbers), with transform 0 or 8; their rows take the
+ *     place of the CPU's, with the centroid, piston and tilt corrections
+ *     of their groups (a group only as a whole, up to 512 spot and 512 OPD
+ *     entries).  Values, residuals, merits and every other row are the
+ *     CPU's.  A candidate whose rays fail on the device but not on the CPU
+ *     keeps the CPU's rows.  Without Jacobians no kernel runs.  Returns -2
+ *     for a system outside its entry conditions (variables other than 1 to
+ *     64 curvatures of surfaces 1 to n - 1, n outside 2 to 256, any pickup,
+ *     no index table, no field or more than 64, a paraxial lens, more than
+ *     1700 operands or none of non-zero weight, more than 512 ray entries,
+ *     64 distinct fields or pupil points among the ray operands, 16
+ *     single-surface bound entries, bound entries with more than one
+ *     field, OPD entries out of the order of their fields, aperture type
+ *     or ray aiming above 2 or field type above 1 when any operand is one
+ *     of the device's classes, five ray entries to the image on different
+ *     index rows, scratch below what the run needs, which
+ *     nuvrix_batched_scratch_size covers for systems of a few wavelengths)
+ *     and for any failed device run, without a device included; the
+ *     outputs are then not to be used.
  * sd_scratch to sd_scratch_c go to each candidate's Jacobian unchanged.
  * Returns 0 (also for candidate_count below 1, touching nothing), -2 for a
  * null surfaces, fields, operands, variables, candidate_x, residuals,

@@ -5,7 +5,10 @@
 // place of the CPU's.
 #pragma once
 
+#include <math.h>
+
 #include "api/nuvrix.h"
+#include "merit/dual.hpp"
 
 namespace nuvrix {
 namespace gpu_dispatch {
@@ -37,6 +40,29 @@ constexpr int kMixedMaxFieldValues = 64;
 constexpr int kMixedMaxPupilPoints = 64;
 constexpr int kMixedMaxBoundEntries = 16;
 constexpr int kMixedMaxFields = 64;  // copies on each worker's stack
+
+// The sag at height h of a surface of curvature c and conic k with the
+// eight polynomial coefficients (plain), for the edge bounds: the conic
+// part only where |c| is above 1e-15, a negative radicand counting as 0,
+// each term added by a fused multiply-add, as the merit function's own
+// sag forms it.
+template <int N>
+Dual<N> compute_sag_t(Dual<N> const& c, Dual<N> const& h, double const* coefficients,
+                      Dual<N> const& k) {
+  Dual<N> const r2 = h * h;
+  Dual<N> sag(0.0);
+  if (fabs(c.value) > kTiny) {
+    Dual<N> radicand = 1.0 - (1.0 + k) * c * c * r2;
+    if (radicand.value < 0.0) radicand = Dual<N>(0.0);
+    sag = c * r2 / (1.0 + sqrt(radicand));
+  }
+  Dual<N> power = r2;
+  for (int j = 0; j < 8; ++j) {
+    if (coefficients[j] != 0.0) sag = fma(coefficients[j], power, sag);
+    power *= r2;
+  }
+  return sag;
+}
 
 // The class of operand op in a system of n surfaces (weight not read).
 int operand_class(MeritOperandDesc const& op, int n);

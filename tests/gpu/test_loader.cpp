@@ -1245,28 +1245,43 @@ std::string last_kernel() {
 }  // namespace
 
 // The mixed batch against the CPU batch.  With finite differences on the
-// CPU, the rows that the device gives (focal length, rays, transverse rays
-// with their centroid) must equal the CPU's analytic rows, and every other
-// row the CPU's finite-difference rows: so the device's rows are seen to
-// take their place.  Values are the CPU's in both.
+// CPU, the rows that the device gives must equal the CPU's analytic rows,
+// and every other row the CPU's finite-difference rows: so the device's
+// rows are seen to take their place.  Values are the CPU's in both.  Three
+// lists: every ray class with the centroid, piston and tilt groups; five
+// rays for the batched kernel; the single-surface bounds on one field.
 TEST(GpuLoader, MixedBatchTakesTheDeviceRowsOfItsClasses) {
   std::vector<std::string> const all = all_kernels();
   Copy copy("", &all);
   ASSERT_EQ(copy.init(), 0);
-  for (int aiming = 0; aiming < 2; ++aiming) {
-    for (bool five : {false, true}) {
+  auto bound = [](MixedBatch& m, unsigned code, int surface, double lower, double upper) {
+    MeritOperandDesc& b = m.add(code);
+    b.surface_first = b.surface_last = surface;
+    b.has_lower = lower > -1e9, b.lower = lower, b.has_upper = upper < 1e9, b.upper = upper;
+  };
+  for (int list = 0; list < 3; ++list) {
+    for (int aiming = 0; aiming < 2; ++aiming) {
       MixedBatch m;
       m.cfg.ray_aiming = aiming;
       m.add(50).target = 50.0;
-      m.add(1, 1.0, 0.0, 1.0).surface = 3;  // RAY_Y on surface 3
-      m.add(0, 0.7, 0.6, 0.2).wave = 1;
+      m.ops[0].transform = 8;
+      m.add(1, 1.0, 0.0, 1.0).surface = list == 1 ? 0 : 3;  // RAY_Y on surface 3
+      m.add(0, 0.7, 0.6, 0.2).wave = list == 1 ? -1 : 1;
       for (double py : {1.0, -0.6}) m.add(71, 1.0, 0.0, py).centroid_tag = 1;
-      if (!five) {
-        m.add(70, 0.7, 0.8, 0.1), m.add(71, 0.7, 0.0, -0.7), m.ops[0].transform = 8;
-        m.ops[2].wave = -1, m.ops[1].surface = 0;
-      } else {
-        m.ops[2].wave = -1, m.ops[1].surface = 0;  // five entries to the image on one row
-        m.add(70, 0.7, 0.8, 0.1);
+      m.add(70, 0.7, 0.8, 0.1);
+      if (list == 0) {
+        m.add(72, 0.7, 0.5, 0.5), m.add(73, 1.0, 0.0, -0.8).wave = 1;
+        double const pupil[4][2] = {{0.0, 1.0}, {0.0, -1.0}, {0.7, 0.0}, {0.3, 0.6}};
+        for (auto const& q : pupil) m.add(67, 1.0, q[0], q[1]);
+        for (int k = 0; k < 3; ++k) m.add(68, 0.7, pupil[k][0], pupil[k][1]);
+        m.add(69, 0.0, 0.0, 1.0), m.add(69, 0.0, 0.5, -0.5).wave = 1;
+      }
+      if (list == 2) {
+        m.fields.resize(1), m.fields[0].field_y = 20.0;
+        bound(m, 46, 2, -1e10, 7.0);  // semi-diameter above 7 mm
+        bound(m, 47, 3, -1e10, 1.0);  // a glass wider than its thickness allows
+        bound(m, 43, 1, 4.0, 1e10), bound(m, 44, 2, 7.0, 1e10), bound(m, 45, 5, 3.0, 1e10);
+        bound(m, 44, 6, 1e10, 1e10);  // inside its bounds: a zero row
       }
       MeritOperandDesc& edge = m.add(44);  // several surfaces: on the CPU
       edge.surface_first = 1, edge.surface_last = 5, edge.has_lower = 1, edge.lower = 3.5;
@@ -1278,20 +1293,27 @@ TEST(GpuLoader, MixedBatchTakesTheDeviceRowsOfItsClasses) {
       int const before = launches();
       ASSERT_EQ(m.run(copy, 1, 0), 0);
       EXPECT_EQ(m.merits, merits);
-      EXPECT_EQ(launches() - before, five ? 2 : 1 + (M - 2));
-      EXPECT_EQ(last_kernel(), five ? "nuvrix_ry_batched_jacobian_kernel"
-                                    : "nuvrix_ry_jacobian_kernel");
+      EXPECT_EQ(last_kernel(), list == 0   ? "nuvrix_opd_jacobian_kernel"
+                               : list == 1 ? "nuvrix_ry_batched_jacobian_kernel"
+                                           : "nuvrix_sd_jacobian_kernel");
+      if (list == 1) {
+        EXPECT_EQ(launches() - before, 2);  // the focal length and five rays
+      }
+      double largest = 0.0;
       for (int c = 0; c < m.C; ++c) {
-        for (int r = 0; r < m.count; ++r) {
-          bool const device = r < M - 1;  // every operand but the edge, in order
+        ASSERT_EQ(m.count, M);
+        for (int r = 0; r < M; ++r) {
+          bool const device = r < M - 1;  // every operand but the last edge, in order
           std::vector<double> const& want = device ? analytic : differences;
           for (int v = 0; v < V; ++v) {
             size_t const k = (static_cast<size_t>(c) * R + r) * V + v;
+            largest = std::fmax(largest, std::fabs(want[k]));
             EXPECT_NEAR(m.jacobians[k], want[k], 1e-10 * std::fabs(want[k]) + 1e-12)
-                << aiming << five << " candidate " << c << " row " << r << " v " << v;
+                << list << aiming << " candidate " << c << " row " << r << " v " << v;
           }
         }
       }
+      EXPECT_GT(largest, 1.0);
     }
   }
   EXPECT_EQ(outstanding(), 0);
