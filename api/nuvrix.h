@@ -1032,9 +1032,11 @@ long nuvrix_batched_scratch_size(int32_t candidate_count, int32_t n, int32_t fie
  *     that scratch does not hold (a result block when results is null, and
  *     the finite differences' own blocks) stand on each thread's stack, so
  *     a list of more than 2048 operands that needs them returns -2.
- *   Mixed (use_gpu 1): the CPU evaluates every candidate as above (on
- *     copies on each thread's stack), and finds the first order, the aims
- *     of the device's rays and which pupil sample set each automatic
+ *   Mixed (use_gpu 1): the CPU evaluates every candidate's values as
+ *     above (on copies on each thread's stack) and the rows of the
+ *     operands that stay with it (the whole list where a composite could
+ *     read a device operand), and finds the first order, the aims of the
+ *     device's rays and which pupil sample set each automatic
  *     semi-diameter that a bound reads; then the device's Jacobian kernels
  *     differentiate EFFECTIVE_FOCAL_LENGTH, RAY_X and RAY_Y, TRANSVERSE_X
  *     and _Y, TRANSVERSE_X_CHIEF and _Y_CHIEF, OPD_RAW, OPD_TILT_FREE and
@@ -1046,7 +1048,7 @@ long nuvrix_batched_scratch_size(int32_t candidate_count, int32_t n, int32_t fie
  *     of their groups (a group only as a whole, up to 512 spot and 512 OPD
  *     entries).  Values, residuals, merits and every other row are the
  *     CPU's.  A candidate whose rays fail on the device but not on the CPU
- *     keeps the CPU's rows.  Without Jacobians no kernel runs.  Returns -2
+ *     has all its rows formed by the CPU.  Without Jacobians no kernel runs.  Returns -2
  *     for a system outside its entry conditions (variables other than 1 to
  *     64 curvatures of surfaces 1 to n - 1, n outside 2 to 256, any pickup,
  *     no index table, no field or more than 64, a paraxial lens, more than

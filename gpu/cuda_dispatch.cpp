@@ -248,9 +248,16 @@ struct Run {
   Arrays arrays;
   int const* variable_surfaces;
   int candidates;
+  double const* candidate_x;
   MeritResult* results;
   double* residuals;
   double* jacobians;
+  double* merits;
+  int* residual_count;
+  detail::AnalyticBuffers analytic;
+  // The CPU's share of the Jacobian: the list with the device's operands
+  // taken out (null: the CPU differentiates the whole list).
+  MeritOperandDesc const* cpu_ops;
   long row;  // residual slots a candidate
 };
 
@@ -373,29 +380,74 @@ void frame_candidate(Run const& run, long c, SurfaceData const* candidate, Surfa
   if (p.bounds_on_device > 0) frame_solve(run, c, candidate, solved, argmax);
 }
 
+// Moves the rows of the CPU's share (its operands' slots, then the ray
+// groups' slots) to the slots they have in the whole list, last first, and
+// clears the rows of the device's operands, which the merge fills.
+void spread_rows(Run const& run, long c, int cpu_count) {
+  detail::BatchSystem const& s = run.sys;
+  int const V = s.variable_count;
+  MeritResult const* results = run.results + c * s.operand_count;
+  double* const jacobian = run.jacobians + run.row * V * c;
+  int cpu_slot_of[kMixedMaxOperands];  // the whole list's slot of each row of the share
+  int cpu_slots = 0, slots = 0;
+  for (int i = 0; i < s.operand_count; ++i) {
+    if (s.ops[i].weight == 0.0 || results[i].status == 0) continue;
+    if (run.cpu_ops[i].weight != 0.0) cpu_slot_of[cpu_slots++] = slots;
+    ++slots;
+  }
+  for (int r = cpu_count - 1; r >= 0; --r) {
+    int const to = r < cpu_slots ? cpu_slot_of[r] : slots + (r - cpu_slots);
+    for (int v = 0; v < V && to != r; ++v) {
+      jacobian[static_cast<long>(to) * V + v] = jacobian[static_cast<long>(r) * V + v];
+    }
+  }
+  int k = 0;
+  for (int to = 0; to < slots; ++to) {
+    if (k < cpu_slots && cpu_slot_of[k] == to) {
+      ++k;
+      continue;
+    }
+    for (int v = 0; v < V; ++v) jacobian[static_cast<long>(to) * V + v] = 0.0;
+  }
+}
+
 // The CPU's part of one candidate, on copies on this worker's stack: its
-// merit and rows, and then what the device needs of it.  A candidate whose
-// evaluation fails keeps rows of zeros.
-[[gnu::noinline]] int cpu_candidate(Run const& run, double const* candidate_x, double* merits,
-                                    int c, int* residual_count,
-                                    detail::AnalyticBuffers const& analytic, bool want_jacobian) {
+// merit and rows (of its share of the list, or of all of it with `whole`),
+// and then what the device needs of it.  A candidate whose evaluation
+// fails keeps rows of zeros.
+[[gnu::noinline]] int cpu_candidate(Run const& run, int c, bool want_jacobian, bool whole) {
   SurfaceData surfaces[kMixedMaxSurfaces], work[kMixedMaxSurfaces];
   FieldData fields[kMixedMaxFields], work_fields[kMixedMaxFields];
   detail::BatchSystem const& s = run.sys;
   long const ops = s.operand_count, V = s.variable_count;
-  int unused_count = 0;
+  int unused_count = 0, share_count = 0;
   double* const jacobian = run.jacobians != nullptr ? run.jacobians + run.row * V * c : nullptr;
-  detail::CandidateSlot const slot = {
-      surfaces, work, fields, work_fields, run.results + ops * c, run.residuals + run.row * c,
-      jacobian, merits + c, c == 0 && residual_count != nullptr ? residual_count : &unused_count};
-  int const status = detail::evaluate_candidate(s, candidate_x + V * c, slot, want_jacobian,
-                                                run.batch.jacobian_mode, analytic);
+  int* const count = c == 0 && run.residual_count != nullptr ? run.residual_count : &unused_count;
+  detail::CandidateSlot slot = {surfaces, work, fields, work_fields, run.results + ops * c,
+                                run.residuals + run.row * c, jacobian, run.merits + c, count};
+  double const* x = run.candidate_x + V * c;
+  int const mode = run.batch.jacobian_mode;
+  bool const share = want_jacobian && !whole && run.cpu_ops != nullptr;
+  int status = 0;
+  if (share) {
+    // The share's rows first; then the whole list's values over its outputs.
+    detail::BatchSystem cpu = s;
+    cpu.ops = run.cpu_ops;
+    slot.residual_count = &share_count;
+    status = detail::evaluate_candidate(cpu, x, slot, true, mode, run.analytic);
+    slot.residual_count = count;
+    int const values = detail::evaluate_candidate(s, x, slot, false, mode, run.analytic);
+    if (status == 0) status = values;
+  } else {
+    status = detail::evaluate_candidate(s, x, slot, want_jacobian, mode, run.analytic);
+  }
   if (!want_jacobian) return status;
   if (status != 0) {
     for (long k = 0; k < run.row * V; ++k) jacobian[k] = 0.0;
     return status;
   }
-  if (run.plan->any_work()) frame_candidate(run, c, surfaces, work, fields);
+  if (share) spread_rows(run, c, share_count);
+  if (!whole && run.plan->any_work()) frame_candidate(run, c, surfaces, work, fields);
   return status;
 }
 
@@ -804,7 +856,12 @@ void merge_bounds(Run const& run, long c, int const* slot_of) {
 void merge_candidate(Run const& run, long c) {
   detail::BatchSystem const& s = run.sys;
   MeritResult const* results = run.results + c * s.operand_count;
-  if (!device_agrees(run, c)) return;
+  if (!device_agrees(run, c)) {
+    // Where the device's rays failed and the CPU's did not, the CPU forms
+    // this candidate's rows of the whole list.
+    if (run.cpu_ops != nullptr) cpu_candidate(run, static_cast<int>(c), true, true);
+    return;
+  }
   int slot_of[kMixedMaxOperands];
   int slot = 0;
   for (int i = 0; i < s.operand_count; ++i) {
@@ -832,6 +889,61 @@ bool outside_entry_conditions(SurfaceData const* surfaces, int n, double const* 
   if (any_thin_lens(surfaces, n)) return true;
   if (!curvatures_only(variables, variable_count, n)) return true;
   return operand_count > kMixedMaxOperands || !some_weight(ops, operand_count);
+}
+
+// An operand code without an evaluator: in the CPU's share of the list it
+// stands for a device operand at weight 0, so that it costs nothing.
+constexpr unsigned kTakenOut = 255;
+
+bool any_composite(MeritOperandDesc const* ops, int count) {
+  for (int i = 0; i < count; ++i) {
+    if (ops[i].weight != 0.0 && detail::is_composite(ops[i].type)) return true;
+  }
+  return false;
+}
+
+// Whether the analytic method would judge the share as it judges the
+// whole list: the aim and field rules hold for the whole list, and no
+// device operand carries an absolute value that it refuses.
+bool share_judged_alike(Run const& run, int mode) {
+  if (mode != kJacobianAnalytic) return true;
+  SystemConfig const& cfg = *run.sys.config;
+  double largest = 0.0;
+  for (int f = 0; f < run.sys.field_count; ++f) {
+    largest = fmax(largest, fabs(run.sys.fields[f].field_y));
+  }
+  if (cfg.ray_aiming == 2 && (cfg.field_type != 0 || largest > 70.0)) return false;
+  if (detail::is_infinite_distance(run.sys.surfaces[0].thickness) && cfg.field_type != 0) {
+    return false;
+  }
+  for (int i = 0; i < run.sys.operand_count; ++i) {
+    unsigned const code = run.sys.ops[i].type;
+    bool const absolute_refused = run.sys.ops[i].transform == 8 && code != 50 && !in(code, 43, 47);
+    if (run.plan->classes[i] != kClassCpu && run.plan->classes[i] != kNoClass &&
+        absolute_refused) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// The CPU's share of the list: every operand that a device row replaces
+// taken out, unless a composite may read it or it belongs to a ray group
+// of its own (group_id at 0 or above), whose slot follows all its members.
+bool cpu_share(Run const& run, int mode, MeritOperandDesc* share) {
+  detail::BatchSystem const& s = run.sys;
+  Plan const& p = *run.plan;
+  if (!p.any_work() || any_composite(s.ops, s.operand_count) || !share_judged_alike(run, mode)) {
+    return false;
+  }
+  for (int i = 0; i < s.operand_count; ++i) {
+    share[i] = s.ops[i];
+    bool const replaced = p.entry_of[i] >= 0 || is_bound_class(p.classes[i]);
+    if (!replaced || detail::is_ray_group_member(s.ops[i])) continue;
+    share[i].type = kTakenOut;
+    share[i].weight = 0.0;
+  }
+  return true;
 }
 
 // The device runs, one after the other on the calling thread.
@@ -920,14 +1032,17 @@ int evaluate_mixed(SurfaceData const* surfaces, int n, double const* index_table
   for (int v = 0; v < variable_count; ++v) variable_surfaces[v] = variables[v].surface;
   run.variable_surfaces = variable_surfaces;
 
-  detail::AnalyticBuffers const analytic = {sd_scratch, sd_rows, sd_scratch_a, sd_scratch_b,
-                                            nullptr};
+  run.candidate_x = candidate_x;
+  run.merits = merits;
+  run.residual_count = residual_count;
+  run.analytic = {sd_scratch, sd_rows, sd_scratch_a, sd_scratch_b, nullptr};
+  MeritOperandDesc cpu_ops[kMixedMaxOperands];
+  if (want_jacobian && cpu_share(run, batch.jacobian_mode, cpu_ops)) run.cpu_ops = cpu_ops;
   int const team = batch.thread_count > 0 ? batch.thread_count : omp_get_max_threads();
   int shared = 0;
 #pragma omp parallel for num_threads(team) schedule(dynamic, 1)
   for (int c = 0; c < candidate_count; ++c) {
-    detail::merge_batch_status(shared, cpu_candidate(run, candidate_x, merits, c, residual_count,
-                                                     analytic, want_jacobian));
+    detail::merge_batch_status(shared, cpu_candidate(run, c, want_jacobian, false));
   }
   if (shared != 0 || !plan.any_work()) return shared;
   MeritContext const ctx =

@@ -206,6 +206,7 @@ CUresult cuLaunchKernel(void* f, unsigned gx, unsigned gy, unsigned gz, unsigned
         device<double>(params, 17), device<double>(params, 18), integer(params, 19),
         integer(params, 20), device<void>(params, 21)};
     for (int i = 0; i < threads; ++i) nuvrix::kernels::ry_jacobian_body(i, a);
+    if (mode("raynan")) a.results[0] = std::nan("");  // candidate 0's ray fails here
     return 0;
   }
   if (spot || name == "nuvrix_ry_batched_jacobian_kernel") {

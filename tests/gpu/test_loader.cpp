@@ -1283,9 +1283,14 @@ TEST(GpuLoader, MixedBatchTakesTheDeviceRowsOfItsClasses) {
         bound(m, 43, 1, 4.0, 1e10), bound(m, 44, 2, 7.0, 1e10), bound(m, 45, 5, 3.0, 1e10);
         bound(m, 44, 6, 1e10, 1e10);  // inside its bounds: a zero row
       }
+      if (list == 1) {  // a composite: the CPU differentiates the whole list
+        MeritOperandDesc& sum = m.add(31);
+        sum.operand_a = 0, sum.operand_b = 1;
+      }
       MeritOperandDesc& edge = m.add(44);  // several surfaces: on the CPU
       edge.surface_first = 1, edge.surface_last = 5, edge.has_lower = 1, edge.lower = 3.5;
       int const M = static_cast<int>(m.ops.size()), V = 6, R = 2 * M;
+      int const cpu_rows = list == 1 ? 2 : 1;  // the last rows
       ASSERT_EQ(m.run(copy, 0, 1), 0);
       std::vector<double> const analytic = m.jacobians, merits = m.merits;
       ASSERT_EQ(m.run(copy, 0, 0), 0);
@@ -1293,22 +1298,28 @@ TEST(GpuLoader, MixedBatchTakesTheDeviceRowsOfItsClasses) {
       int const before = launches();
       ASSERT_EQ(m.run(copy, 1, 0), 0);
       EXPECT_EQ(m.merits, merits);
+      std::vector<double> const mixed = m.jacobians;
+      int const launched = launches() - before;
+      ASSERT_EQ(m.run(copy, 1, 1), 0);  // analytic on the CPU as well: every row agrees
+      for (size_t k = 0; k < analytic.size(); ++k) {
+        EXPECT_NEAR(m.jacobians[k], analytic[k], 1e-10 * std::fabs(analytic[k]) + 1e-12) << k;
+      }
       EXPECT_EQ(last_kernel(), list == 0   ? "nuvrix_opd_jacobian_kernel"
                                : list == 1 ? "nuvrix_ry_batched_jacobian_kernel"
                                            : "nuvrix_sd_jacobian_kernel");
       if (list == 1) {
-        EXPECT_EQ(launches() - before, 2);  // the focal length and five rays
+        EXPECT_EQ(launched, 2);  // the focal length and five rays
       }
       double largest = 0.0;
       for (int c = 0; c < m.C; ++c) {
         ASSERT_EQ(m.count, M);
         for (int r = 0; r < M; ++r) {
-          bool const device = r < M - 1;  // every operand but the last edge, in order
+          bool const device = r < M - cpu_rows;  // the operands' rows, in order
           std::vector<double> const& want = device ? analytic : differences;
           for (int v = 0; v < V; ++v) {
             size_t const k = (static_cast<size_t>(c) * R + r) * V + v;
             largest = std::fmax(largest, std::fabs(want[k]));
-            EXPECT_NEAR(m.jacobians[k], want[k], 1e-10 * std::fabs(want[k]) + 1e-12)
+            EXPECT_NEAR(mixed[k], want[k], 1e-10 * std::fabs(want[k]) + 1e-12)
                 << list << aiming << " candidate " << c << " row " << r << " v " << v;
           }
         }
@@ -1383,4 +1394,29 @@ TEST(GpuLoader, MixedBatchRefusals) {
   m.add(50);
   EXPECT_EQ(m.run(none, 1, 1), -2);
   EXPECT_EQ(m.run(none, 0, 1), 0);
+}
+
+// A ray that fails on the device but not on the CPU: that candidate's rows
+// all come from the CPU (here by finite differences), the others' device
+// rows stay.
+TEST(GpuLoader, MixedBatchFallsBackToTheCpuWhereTheDeviceRayFails) {
+  std::vector<std::string> const all = all_kernels();
+  Copy copy("raynan", &all);
+  ASSERT_EQ(copy.init(), 0);
+  MixedBatch m;
+  m.add(1, 1.0, 0.0, 1.0), m.add(0, 0.7, 0.6, 0.2), m.add(50).target = 50.0;
+  int const V = 6, R = 2 * static_cast<int>(m.ops.size());
+  ASSERT_EQ(m.run(copy, 0, 0), 0);
+  std::vector<double> const differences = m.jacobians;
+  ASSERT_EQ(m.run(copy, 0, 1), 0);
+  std::vector<double> const analytic = m.jacobians;
+  ASSERT_EQ(m.run(copy, 1, 0), 0);
+  for (int c = 0; c < m.C; ++c) {
+    for (int k = 0; k < 3 * V; ++k) {
+      size_t const at = static_cast<size_t>(c) * R * V + k;
+      double const want = c == 0 ? differences[at] : analytic[at];
+      EXPECT_NEAR(m.jacobians[at], want, 1e-10 * std::fabs(want) + 1e-12) << c << " " << k;
+    }
+  }
+  EXPECT_EQ(outstanding(), 0);
 }
