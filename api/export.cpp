@@ -21,6 +21,7 @@
 #include "merit/merit_function.hpp"
 #include "merit/merit_jacobian.hpp"
 #include "gpu/cuda_loader.hpp"
+#include "gpu/gpu_de.hpp"
 #include "gpu/gpu_merit_value.hpp"
 #include "trace/front_ends.hpp"
 #include "trace/trace_core.hpp"
@@ -551,6 +552,45 @@ long nuvrix_gpu_merit_value_scratch_size(int32_t population, int32_t n, int32_t 
 long nuvrix_gpu_trace_grid_scratch_size(int32_t n, int32_t wave_count, int32_t field_count,
                                         int32_t ray_count) {
   return nuvrix::gpu::cuda_trace_grid_scratch_size(n, wave_count, field_count, ray_count);
+}
+
+long nuvrix_gpu_de_scratch_size(int32_t P, int32_t n, int32_t W, int32_t F, int32_t O) {
+  return nuvrix::gpu::cuda_de_scratch_size(P, n, W, F, O);
+}
+
+int32_t nuvrix_gpu_run_de_eval_pop(const double* population_a, const double* population_b,
+                                   const double* population_c,
+                                   const int32_t* population_materials,
+                                   double* population_merit, const SurfaceData* surfaces,
+                                   const double* glass_catalog, const double* wavelengths,
+                                   const SystemConfig* config, const FieldData* fields,
+                                   const MeritOperandDesc* operands, void* scratch,
+                                   long scratch_bytes, int32_t P, int32_t n, int32_t W,
+                                   int32_t F, int32_t O) {
+  return nuvrix::gpu::cuda_run_de_eval_pop(population_a, population_b, population_c,
+                                           population_materials, population_merit, surfaces,
+                                           glass_catalog, wavelengths, config, fields, operands,
+                                           scratch, scratch_bytes, P, n, W, F, O);
+}
+
+int32_t nuvrix_gpu_run_de_generation(
+    double* population_a, double* population_b, double* population_c,
+    int32_t* population_materials, double* population_merit, double* trial_a, double* trial_b,
+    double* trial_c, int32_t* trial_materials, double* trial_merit, const double* vary_table,
+    int32_t vary_count, const int32_t* vary_table_b, const int32_t* vary_table_c,
+    const int32_t* vary_table_d, int32_t vary_count_b, const SurfaceData* surfaces,
+    const double* glass_catalog, const double* wavelengths, const SystemConfig* config,
+    const FieldData* fields, const MeritOperandDesc* operands, void* scratch,
+    long scratch_bytes, int32_t P, int32_t n, int32_t W, int32_t F, int32_t O,
+    int32_t vary_int_a, int32_t vary_int_b, int32_t vary_int_c, double vary_real_a,
+    double vary_real_b, double vary_real_c, int32_t vary_int_d, int32_t vary_int_e,
+    DeConditionDesc condition) {
+  return nuvrix::gpu::cuda_run_de_generation(
+      population_a, population_b, population_c, population_materials, population_merit, trial_a,
+      trial_b, trial_c, trial_materials, trial_merit, vary_table, vary_count, vary_table_b,
+      vary_table_c, vary_table_d, vary_count_b, surfaces, glass_catalog, wavelengths, config,
+      fields, operands, scratch, scratch_bytes, P, n, W, F, O, vary_int_a, vary_int_b,
+      vary_int_c, vary_real_a, vary_real_b, vary_real_c, vary_int_d, vary_int_e, condition);
 }
 
 int32_t nuvrix_gpu_run_merit_value(const SurfaceData* surfaces, int32_t n,

@@ -478,6 +478,23 @@ typedef struct MeritBatchedConfig {
   int32_t reserved[4];
 } MeritBatchedConfig;
 
+/* The condition that every trial of a differential evolution on the
+ * device must meet (see nuvrix_gpu_run_de_generation): on each surface k
+ * from first_surface to last_surface (clamped to 1 .. n - 2), the
+ * thickness behind it, on the axis and at the edge (at the larger of the
+ * base system's semi-diameters of surfaces k and k + 1, with the trial's
+ * curvatures and conics), at least the minimum for glass (is_glass set on
+ * surface k) or for air.  A minimum of 0 or less is not checked. */
+typedef struct DeConditionDesc {
+  double min_glass_center;
+  double min_glass_edge;
+  double min_air_center;
+  double min_air_edge;
+  int32_t first_surface;
+  int32_t last_surface;
+  int32_t reserved[2]; /* not read */
+} DeConditionDesc;
+
 /* One operand of the legacy evaluator (its own short list of codes, see
  * nuvrix_evaluate_merit_operands). */
 typedef struct MeritOperand {
@@ -508,6 +525,7 @@ NUVRIX_STATIC_ASSERT(sizeof(MeritResult) == 16, "MeritResult must be 16 bytes");
 NUVRIX_STATIC_ASSERT(sizeof(MeritPickupDesc) == 32, "MeritPickupDesc must be 32 bytes");
 NUVRIX_STATIC_ASSERT(sizeof(MeritOperand) == 56, "MeritOperand must be 56 bytes");
 NUVRIX_STATIC_ASSERT(sizeof(MeritBatchedConfig) == 32, "MeritBatchedConfig must be 32 bytes");
+NUVRIX_STATIC_ASSERT(sizeof(DeConditionDesc) == 48, "DeConditionDesc must be 48 bytes");
 
 /* ------------------------------------------------------------------------ */
 /* Identification                                                           */
@@ -1201,6 +1219,80 @@ int32_t nuvrix_gpu_run_merit_value_f32(const SurfaceData* surfaces, int32_t n,
                                        const double* conics, double* merit_values,
                                        int32_t population, void* scratch, long scratch_bytes,
                                        int32_t reuse_uploads);
+
+/* Differential evolution on the device.  Every pointer but the condition
+ * is a device pointer (nuvrix_gpu_alloc_device, _htod_device), and nothing
+ * crosses the bus in either call.  A population of P candidates is the base
+ * system (surfaces, n records) with each candidate's own rows of n
+ * curvatures (population_a), thicknesses (population_b) and conics
+ * (population_c), its glass ids (population_materials: a row of the glass
+ * catalogue, glass_catalog[g * W + w] the index at wavelength w; negative:
+ * air) and its merit (population_merit), as nuvrix_gpu_run_merit_value
+ * evaluates them; wavelengths (W, micrometres), config, fields (F) and
+ * operands (O) are device copies of the host's records.  scratch holds
+ * nuvrix_gpu_de_scratch_size(P, n, W, F, O) bytes.
+ *
+ * nuvrix_gpu_run_de_eval_pop: every candidate's merit into
+ * population_merit.
+ *
+ * nuvrix_gpu_run_de_generation: one generation in three launches (vary,
+ * evaluate the trials, select) and one synchronisation.  The trial arrays
+ * (trial_a .. trial_merit, shaped as the population's) are scratch.
+ *   vary_table: vary_count rows of four doubles (surface, parameter: 0
+ *     curvature, 1 thickness, 2 conic, lower bound, upper bound): the
+ *     parameters that vary.  The trial of candidate i is DE/rand/1/bin
+ *     (vary_int_e 0) or DE/best/1/bin (vary_int_e 1, the best candidate's
+ *     index in vary_int_d): each varied parameter takes the mutant
+ *     base + vary_real_a (r2 - r3) (r1, r2, r3 distinct candidates other
+ *     than i, base r1 or the best) with probability vary_real_b, the
+ *     crossover rate, one of them for certain when that rate is above 0
+ *     (so a rate of 0 gives the parent itself), and keeps the parent's
+ *     value otherwise; a value beyond a bound is drawn again uniformly
+ *     between the parent and that bound, so that every trial keeps its
+ *     bounds.  Parameters outside the table stay the parent's.
+ *   Glass substitution: vary_count_b surfaces vary_table_b[k] (ints), each
+ *     with the catalogue rows vary_table_d[vary_table_c[k] ..
+ *     vary_table_c[k + 1]) to choose from (vary_table_c holds
+ *     vary_count_b + 1 ints); with probability vary_real_c a trial takes
+ *     one of them, uniformly.
+ *   The random numbers are Philox4x32-10 keyed by the seed vary_int_a and
+ *     the generation vary_int_b, the candidate its counter: the same seed
+ *     and inputs give the same trials on any device, in any order of the
+ *     threads, and on the host.
+ *   condition: a trial that breaks it is drawn again, up to vary_int_c
+ *     times (at least once); a trial that breaks it after that is its
+ *     parent.  A population of fewer than 4 gives every trial its parent.
+ *   The select step keeps, in place, the trial where its merit is finite
+ *     and below the parent's (or the parent's is not a number), so that no
+ *     candidate's merit ever gets worse.
+ * Both return 0 at once for P < 1 (nothing touched, no set-up), then -1
+ * (set-up), -10 (the merit kernel, or for a generation the vary or select
+ * kernel, missing from the side file), -3 (scratch null or short), -2
+ * (context), -5 (a launch) or -6 (the synchronisation), the raw code kept
+ * for nuvrix_gpu_last_cuda_error.  On a failure the population holds the
+ * old or the new generation. */
+long nuvrix_gpu_de_scratch_size(int32_t P, int32_t n, int32_t W, int32_t F, int32_t O);
+int32_t nuvrix_gpu_run_de_eval_pop(const double* population_a, const double* population_b,
+                                   const double* population_c,
+                                   const int32_t* population_materials,
+                                   double* population_merit, const SurfaceData* surfaces,
+                                   const double* glass_catalog, const double* wavelengths,
+                                   const SystemConfig* config, const FieldData* fields,
+                                   const MeritOperandDesc* operands, void* scratch,
+                                   long scratch_bytes, int32_t P, int32_t n, int32_t W,
+                                   int32_t F, int32_t O);
+int32_t nuvrix_gpu_run_de_generation(
+    double* population_a, double* population_b, double* population_c,
+    int32_t* population_materials, double* population_merit, double* trial_a, double* trial_b,
+    double* trial_c, int32_t* trial_materials, double* trial_merit, const double* vary_table,
+    int32_t vary_count, const int32_t* vary_table_b, const int32_t* vary_table_c,
+    const int32_t* vary_table_d, int32_t vary_count_b, const SurfaceData* surfaces,
+    const double* glass_catalog, const double* wavelengths, const SystemConfig* config,
+    const FieldData* fields, const MeritOperandDesc* operands, void* scratch,
+    long scratch_bytes, int32_t P, int32_t n, int32_t W, int32_t F, int32_t O,
+    int32_t vary_int_a, int32_t vary_int_b, int32_t vary_int_c, double vary_real_a,
+    double vary_real_b, double vary_real_c, int32_t vary_int_d, int32_t vary_int_e,
+    DeConditionDesc condition);
 
 /* Every ray of a grid in one launch (scratch: a device block of
  * nuvrix_gpu_trace_grid_scratch_size(n, wave_count, field_count, ray_count)

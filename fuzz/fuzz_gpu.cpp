@@ -116,6 +116,32 @@ void trace_grid(Reader& in, int32_t status) {
   if (status == 0) nuvrix_gpu_free_device(scratch);
 }
 
+// The differential evolution's runners without a device: nothing for an
+// empty population, the set-up's failure otherwise; no pointer is read.
+void differential_evolution(Reader& in, int32_t status) {
+  if (status == 0) return;  // the device arrays would have to be real
+  int32_t const P = in.i32(), n = in.i32(), w = in.i32(), f = in.i32(), o = in.i32();
+  double* const d = reinterpret_cast<double*>(8);
+  int32_t* const i = reinterpret_cast<int32_t*>(8);
+  void* const v = reinterpret_cast<void*>(8);
+  auto const* s = reinterpret_cast<SurfaceData const*>(8);
+  auto const* c = reinterpret_cast<SystemConfig const*>(8);
+  auto const* fl = reinterpret_cast<FieldData const*>(8);
+  auto const* op = reinterpret_cast<MeritOperandDesc const*>(8);
+  int32_t const want = P < 1 ? 0 : -1;
+  if (nuvrix_gpu_run_de_eval_pop(d, d, d, i, d, s, d, d, c, fl, op, v, in.i32(), P, n, w, f, o) !=
+      want) {
+    broken("DE evaluation without a device");
+  }
+  DeConditionDesc const cond = {in.f64(), in.f64(), in.f64(), in.f64(), in.i32(), in.i32(), {0, 0}};
+  if (nuvrix_gpu_run_de_generation(d, d, d, i, d, d, d, d, i, d, d, in.i32(), i, i, i, in.i32(), s,
+                                   d, d, c, fl, op, v, in.i32(), P, n, w, f, o, in.i32(),
+                                   in.i32(), in.i32(), in.f64(), in.f64(), in.f64(), in.i32(),
+                                   in.i32(), cond) != want) {
+    broken("DE generation without a device");
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
@@ -130,6 +156,8 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   int32_t const p = in.i32(), n = in.i32(), w = in.i32(), f = in.i32(), o = in.i32();
   long const merit = nuvrix_gpu_merit_value_scratch_size(p, n, w, f, o);
   if (merit < 0 || ((p < 1 || n < 1 || w < 1 || f < 1 || o < 1) && merit != 0)) broken("merit scratch");
+  long const de = nuvrix_gpu_de_scratch_size(p, n, w, f, o);
+  if (de < 0 || ((p < 1 || n < 1 || w < 1 || f < 1 || o < 1) && de != 0)) broken("DE scratch");
   long const grid = nuvrix_gpu_trace_grid_scratch_size(n, w, f, o);
   if (grid < 0 || ((n < 0 || w < 0 || f < 0 || o < 0) && grid != 0)) broken("grid scratch");
   if (grid > 0 && o < INT_MAX) {
@@ -144,6 +172,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   if (q.available == 0 && std::memcmp(&q, &zero, sizeof q) != 0) broken("query not zeroed");
   if (q.available == 1 && status != 0) broken("available without a set-up");
   if (status != 0 && nuvrix_gpu_merit_value_fill_count() != 0) broken("fill count without a device");
+  differential_evolution(in, status);
 
   int32_t bytes = 0;
   in.count(bytes, 4096);

@@ -7,3 +7,4 @@
 #include "kernels/grid.cu"
 #include "kernels/microbench.cu"
 #include "kernels/jacobian.cu"
+#include "kernels/de.cu"

@@ -14,6 +14,7 @@
 #include <list>
 #include <string>
 
+#include "kernels/de_bodies.cuh"
 #include "kernels/grid_bodies.cuh"
 #include "kernels/jacobian_bodies.cuh"
 #include "kernels/microbench_bodies.cuh"
@@ -230,6 +231,31 @@ CUresult cuLaunchKernel(void* f, unsigned gx, unsigned gy, unsigned gz, unsigned
         }
       }
     }
+    return 0;
+  }
+  if (name == "nuvrix_de_vary_kernel" || name == "nuvrix_de_select_kernel") {
+    if (bx != 64) return 1;
+    auto rows = [&](int k) {
+      return nuvrix::kernels::DeRows{device<double>(params, k), device<double>(params, k + 1),
+                                     device<double>(params, k + 2), device<int>(params, k + 3)};
+    };
+    if (name == "nuvrix_de_select_kernel") {
+      for (int i = 0; i < threads; ++i) {
+        nuvrix::kernels::de_select_body(i, rows(0), device<double>(params, 4), rows(5),
+                                        device<double const>(params, 9), integer(params, 10),
+                                        integer(params, 11));
+      }
+      return 0;
+    }
+    auto real = [&](int k) { return *static_cast<double*>(params[k]); };
+    nuvrix::kernels::DeVary const a = {
+        rows(0), rows(4), device<double const>(params, 8), integer(params, 9),
+        integer(params, 10), integer(params, 11), device<int const>(params, 12),
+        device<int const>(params, 13), device<int const>(params, 14), integer(params, 15),
+        integer(params, 18), integer(params, 19), integer(params, 20), real(21), real(22),
+        real(23), integer(params, 24), integer(params, 25),
+        device<SurfaceData const>(params, 26), *static_cast<DeConditionDesc*>(params[27])};
+    for (int i = 0; i < threads; ++i) nuvrix::kernels::de_vary_body(i, a);
     return 0;
   }
   if (name == "nuvrix_sd_jacobian_kernel") {

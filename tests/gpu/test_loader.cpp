@@ -18,6 +18,7 @@
 #include "api/nuvrix.h"
 #include "gpu/cuda_loader.hpp"
 #include "gpu/gpu_jacobian.hpp"
+#include "kernels/de_bodies.cuh"
 #include "first_order/aim_robust.hpp"
 #include "first_order/semi_diameter.hpp"
 #include "merit/dual_launch.hpp"
@@ -1418,5 +1419,178 @@ TEST(GpuLoader, MixedBatchFallsBackToTheCpuWhereTheDeviceRayFails) {
       EXPECT_NEAR(m.jacobians[at], want, 1e-10 * std::fabs(want) + 1e-12) << c << " " << k;
     }
   }
+  EXPECT_EQ(outstanding(), 0);
+}
+
+namespace {
+
+// A population of the Cooke triplet for the differential evolution: each
+// candidate's curvatures spread around the lens, its thicknesses and
+// conics the lens's, its glasses rows of a two-glass catalogue.  The
+// stand-in driver keeps device memory in host memory, so host arrays stand
+// for the device arrays here.
+struct DePopulation {
+  nuvrix_test::System sys = nuvrix_test::cooke_triplet();
+  int n = sys.count(), P = 24, W = 1, F = 2, O = 0;
+  SystemConfig cfg = {};
+  std::vector<FieldData> fields = {{0.0, 0.0, 0.0}, {20.0, 0.0, 0.0}};
+  std::vector<MeritOperandDesc> ops;
+  std::vector<double> waves = {0.5876}, catalog = {1.620410, 1.620040, 1.5168};
+  std::vector<double> a, b, c, merit, ta, tb, tc, tmerit, table;
+  std::vector<int> materials, tmaterials, glass_surfaces = {3}, offsets = {0, 2}, choices = {1, 2};
+  std::vector<unsigned char> scratch;
+  DeConditionDesc condition = {0.8, 0.0, 0.5, 0.2, 1, 6, {0, 0}};
+
+  DePopulation() {
+    for (int i : {1, 3, 5}) sys.surfaces[i].is_glass = 1;
+    for (int k = 0; k < n; ++k) sys.surfaces[k].semi_diameter = 8.0;
+    cfg.stop_surface = nuvrix_test::kCookeStop, cfg.aperture_value = 10.0;
+    MeritOperandDesc efl = {};
+    efl.type = 50, efl.weight = 1.0, efl.group_id = -1, efl.wave = -1, efl.target = 50.0;
+    ops.push_back(efl);
+    for (double py : {1.0, 0.5, -0.7}) {
+      MeritOperandDesc op = efl;
+      op.type = 71, op.target = 0.0, op.hy = 1.0, op.py = py;
+      ops.push_back(op);
+    }
+    O = static_cast<int>(ops.size());
+    int const ids[8] = {-1, 0, -1, 1, -1, 0, -1, -1};
+    for (int i = 0; i < P; ++i) {
+      for (int k = 0; k < n; ++k) {
+        double const spread = k >= 1 && k <= 6 ? 0.003 * std::sin(1.3 * i + 2.1 * k) : 0.0;
+        a.push_back(sys.surfaces[k].curvature + spread);
+        b.push_back(sys.surfaces[k].thickness), c.push_back(0.0), materials.push_back(ids[k]);
+      }
+    }
+    for (int k = 1; k <= 6; ++k) {
+      double const c0 = sys.surfaces[k].curvature;
+      table.insert(table.end(), {double(k), 0.0, c0 - 0.01, c0 + 0.01});
+    }
+    table.insert(table.end(), {2.0, 1.0, 4.0, 9.0});  // an air space, 4 to 9 mm
+    merit.assign(P, 0.0), tmerit.assign(P, 0.0);
+    ta.assign(a.size(), 0.0), tb = ta, tc = ta, tmaterials.assign(materials.size(), 0);
+    // The merit kernel's sections: surfaces, index rows, results, working space.
+    scratch.resize(static_cast<size_t>(200 * P * n + 8 * W * P * n + 16 * P * O +
+                                       8 * P * (F + 2 * O + 8)));
+  }
+  long bytes() const { return static_cast<long>(scratch.size()); }
+  int evaluate(Copy const& copy, long scratch_bytes) {
+    return copy.fn<decltype(&nuvrix_gpu_run_de_eval_pop)>("nuvrix_gpu_run_de_eval_pop")(
+        a.data(), b.data(), c.data(), materials.data(), merit.data(), sys.surfaces.data(),
+        catalog.data(), waves.data(), &cfg, fields.data(), ops.data(), scratch.data(),
+        scratch_bytes, P, n, W, F, O);
+  }
+  int generation(Copy const& copy, int g, double scale, double crossover, double glass_rate,
+                 long scratch_bytes, int size) {
+    return copy.fn<decltype(&nuvrix_gpu_run_de_generation)>("nuvrix_gpu_run_de_generation")(
+        a.data(), b.data(), c.data(), materials.data(), merit.data(), ta.data(), tb.data(),
+        tc.data(), tmaterials.data(), tmerit.data(), table.data(),
+        static_cast<int>(table.size() / 4), glass_surfaces.data(), offsets.data(),
+        choices.data(), 1, sys.surfaces.data(), catalog.data(), waves.data(), &cfg,
+        fields.data(), ops.data(), scratch.data(), scratch_bytes, size, n, W, F, O, 2026, g, 8,
+        scale, crossover, glass_rate, 0, 0, condition);
+  }
+  // Candidate i's merit on the CPU, from its rows and glasses.
+  double cpu_merit(Copy const& copy, int i) const {
+    std::vector<SurfaceData> s = sys.surfaces;
+    std::vector<double> row(n, 1.0);
+    for (int k = 0; k < n; ++k) {
+      s[k].curvature = a[i * n + k], s[k].thickness = b[i * n + k], s[k].conic = c[i * n + k];
+      if (materials[i * n + k] >= 0) row[k] = catalog[materials[i * n + k]];
+    }
+    std::vector<MeritResult> r(O);
+    double m = -1.0;
+    copy.fn<decltype(&nuvrix_evaluate_merit)>("nuvrix_evaluate_merit")(
+        s.data(), n, row.data(), waves.data(), W, &cfg, fields.data(), F, ops.data(), O,
+        r.data(), nullptr, nullptr, &m);
+    return m;
+  }
+};
+
+}  // namespace
+
+// The runners' order of checks: nothing for an empty population, not even
+// the set-up; the merit kernel alone for an evaluation, the vary and
+// select kernels as well for a generation; the scratch.
+TEST(GpuLoader, DifferentialEvolutionCallRules) {
+  std::vector<std::string> no_vary;
+  for (std::string const& k : all_kernels()) {
+    if (k != "nuvrix_de_vary_kernel") no_vary.push_back(k);
+  }
+  DePopulation p;
+  {
+    Copy none("", nullptr);  // its set-up would fail for want of a side file
+    int const before = none.state().status;
+    p.P = 0;
+    EXPECT_EQ(p.evaluate(none, 0), 0);
+    EXPECT_EQ(p.generation(none, 0, 0.5, 0.9, 0.0, 0, 0), 0);
+    EXPECT_EQ(none.state().status, before);
+    EXPECT_EQ(none.init(), 4);
+    p.P = 24;
+  }
+  Copy copy("", &no_vary);
+  EXPECT_EQ(copy.fn<decltype(&nuvrix_gpu_de_scratch_size)>("nuvrix_gpu_de_scratch_size")(
+                p.P, p.n, p.W, p.F, p.O),
+            p.bytes());
+  EXPECT_EQ(p.evaluate(copy, p.bytes() - 1), -3);
+  EXPECT_EQ(p.evaluate(copy, p.bytes()), 0);
+  EXPECT_EQ(p.generation(copy, 0, 0.5, 0.9, 0.0, p.bytes(), p.P), -10);
+  std::vector<std::string> const all = all_kernels();
+  Copy full("", &all);
+  EXPECT_EQ(p.generation(full, 0, 0.5, 0.9, 0.0, p.bytes() - 1, p.P), -3);
+  EXPECT_EQ(outstanding(), 0);
+}
+
+// Generations on the stand-in device: no candidate ever gets worse, every
+// merit is the CPU's merit of that candidate, every candidate keeps its
+// bounds, the condition and the glass choices; the same seed gives the
+// same population; a crossover rate of 0 changes nothing.
+TEST(GpuLoader, DifferentialEvolutionGenerations) {
+  std::vector<std::string> const all = all_kernels();
+  Copy copy("", &all);
+  ASSERT_EQ(copy.init(), 0);
+  DePopulation p;
+  ASSERT_EQ(p.evaluate(copy, p.bytes()), 0);
+  DePopulation const start = p;
+  for (int g = 0; g < 6; ++g) {
+    std::vector<double> const before = p.merit;
+    ASSERT_EQ(p.generation(copy, g, 0.6, 0.8, 0.3, p.bytes(), p.P), 0);
+    for (int i = 0; i < p.P; ++i) {
+      EXPECT_LE(p.merit[i], before[i]) << g << " " << i;
+      EXPECT_EQ(p.merit[i], p.cpu_merit(copy, i)) << g << " " << i;
+    }
+  }
+  int improved = 0, glass_changed = 0;
+  for (int i = 0; i < p.P; ++i) {
+    improved += p.merit[i] < start.merit[i];
+    for (size_t j = 0; j < p.table.size() / 4; ++j) {
+      double const* row = &p.table[4 * j];
+      int const k = static_cast<int>(row[0]);
+      double const v = row[1] == 0.0 ? p.a[i * p.n + k] : p.b[i * p.n + k];
+      EXPECT_GE(v, row[2]);
+      EXPECT_LE(v, row[3]);
+    }
+    int const m = p.materials[i * p.n + 3];
+    EXPECT_TRUE(m == 1 || m == 2) << m;
+    glass_changed += p.tmaterials[i * p.n + 3] == 2;  // a trial took the other glass
+    nuvrix::kernels::DeRows const rows = {p.a.data(), p.b.data(), p.c.data(), p.materials.data()};
+    EXPECT_TRUE(nuvrix::kernels::de_condition_met(rows, i, p.sys.surfaces.data(), p.n,
+                                                  p.condition));
+  }
+  EXPECT_GT(improved, p.P / 2);
+  EXPECT_GT(glass_changed, 0);
+  // The same seed from the same start: the same bits.
+  DePopulation q = start;
+  for (int g = 0; g < 6; ++g) ASSERT_EQ(q.generation(copy, g, 0.6, 0.8, 0.3, q.bytes(), q.P), 0);
+  EXPECT_EQ(q.a, p.a);
+  EXPECT_EQ(q.b, p.b);
+  EXPECT_EQ(q.materials, p.materials);
+  EXPECT_EQ(q.merit, p.merit);
+  // No crossover and no glass substitution: nothing moves.
+  DePopulation r = start;
+  ASSERT_EQ(r.generation(copy, 0, 0.0, 0.0, 0.0, r.bytes(), r.P), 0);
+  EXPECT_EQ(r.a, start.a);
+  EXPECT_EQ(r.b, start.b);
+  EXPECT_EQ(r.merit, start.merit);
   EXPECT_EQ(outstanding(), 0);
 }
