@@ -1,7 +1,8 @@
 // nuvrix: the command-line lens report.  Loads a JSON prescription (or the
 // built-in Cooke triplet), fills the engine's records as a host does, and
 // prints what the engine computes through its exported C interface; the
-// subcommand `optimize` runs a damped least-squares optimisation instead.
+// subcommand `optimize` runs a damped least-squares optimisation instead, and
+// `search` a differential evolution.
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -13,6 +14,8 @@ namespace lensfile {
 // `nuvrix optimize [options] [lens.json]` (tools/optimize.cpp): the
 // arguments after the subcommand; returns the exit status.
 int optimize_command(int argc, char** argv);
+// `nuvrix search [options] [lens.json]` (tools/search.cpp).
+int search_command(int argc, char** argv);
 }  // namespace lensfile
 
 namespace {
@@ -25,7 +28,10 @@ void usage(std::FILE* to) {
                "  prints the engine's report for a lens file, or for the built-in Cooke\n"
                "  triplet when no file is given\n"
                "       nuvrix optimize [options] [lens.json]\n"
-               "  damped least squares on the lens file's variables (nuvrix optimize --help)\n");
+               "  damped least squares on the lens file's variables (nuvrix optimize --help)\n"
+               "       nuvrix search [options] [lens.json]\n"
+               "  differential evolution over the lens file's bounded variables, on the device\n"
+               "  when one is present (nuvrix search --help)\n");
 }
 
 }  // namespace
@@ -33,6 +39,8 @@ void usage(std::FILE* to) {
 int main(int argc, char** argv) {
   if (argc >= 2 && !std::strcmp(argv[1], "optimize"))
     return lensfile::optimize_command(argc - 2, argv + 2);
+  if (argc >= 2 && !std::strcmp(argv[1], "search"))
+    return lensfile::search_command(argc - 2, argv + 2);
   if (argc > 2) {
     usage(stderr);
     return kBadInput;
