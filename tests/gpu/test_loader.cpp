@@ -1555,21 +1555,24 @@ TEST(GpuLoader, DifferentialEvolutionGenerations) {
   for (int g = 0; g < 6; ++g) {
     std::vector<double> const before = p.merit;
     ASSERT_EQ(p.generation(copy, g, 0.6, 0.8, 0.3, p.bytes(), p.P), 0);
+    nuvrix::kernels::DeRows const trials = {p.ta.data(), p.tb.data(), p.tc.data(),
+                                            p.tmaterials.data()};
     for (int i = 0; i < p.P; ++i) {
       EXPECT_LE(p.merit[i], before[i]) << g << " " << i;
       EXPECT_EQ(p.merit[i], p.cpu_merit(copy, i)) << g << " " << i;
+      EXPECT_TRUE(nuvrix::kernels::de_condition_met(trials, i, p.sys.surfaces.data(), p.n,
+                                                    p.condition));
+      for (size_t j = 0; j < p.table.size() / 4; ++j) {  // every trial within its bounds
+        double const* row = &p.table[4 * j];
+        int const k = static_cast<int>(row[0]);
+        double const v = row[1] == 0.0 ? p.ta[i * p.n + k] : p.tb[i * p.n + k];
+        EXPECT_TRUE(v >= row[2] && v <= row[3]) << g << " " << i << " " << j;
+      }
     }
   }
   int improved = 0, glass_changed = 0;
   for (int i = 0; i < p.P; ++i) {
     improved += p.merit[i] < start.merit[i];
-    for (size_t j = 0; j < p.table.size() / 4; ++j) {
-      double const* row = &p.table[4 * j];
-      int const k = static_cast<int>(row[0]);
-      double const v = row[1] == 0.0 ? p.a[i * p.n + k] : p.b[i * p.n + k];
-      EXPECT_GE(v, row[2]);
-      EXPECT_LE(v, row[3]);
-    }
     int const m = p.materials[i * p.n + 3];
     EXPECT_TRUE(m == 1 || m == 2) << m;
     glass_changed += p.tmaterials[i * p.n + 3] == 2;  // a trial took the other glass
