@@ -73,6 +73,23 @@ RayTraceResult nuvrix_trace_ray(const SurfaceData* surfaces, int32_t surface_cou
                           m, n, wavelength);
 }
 
+int32_t nuvrix_trace_rays(const SurfaceData* surfaces, int32_t surface_count,
+                          const double* indices, int32_t start_surface, int32_t last_surface,
+                          const double* launches, int32_t count, double wavelength,
+                          RayTraceResult* results) {
+  if (count < 1) return 0;
+  if (surfaces == nullptr || indices == nullptr || launches == nullptr || results == nullptr) {
+    return -1;
+  }
+#pragma omp parallel for schedule(static)
+  for (int32_t k = 0; k < count; ++k) {
+    double const* u = launches + 5L * k;
+    results[k] = trace_no_history(surfaces, surface_count, indices, start_surface, last_surface,
+                                  u[0], u[1], u[2], u[3], u[4], wavelength);
+  }
+  return 0;
+}
+
 RayTraceResult nuvrix_trace_ray_full(const SurfaceData* surfaces, int32_t surface_count,
                                      const double* indices, RayState* states,
                                      int32_t start_surface, int32_t last_surface, double x,

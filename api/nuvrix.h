@@ -558,6 +558,16 @@ RayTraceResult nuvrix_trace_ray(const SurfaceData* surfaces, int32_t surface_cou
                                 int32_t last_surface, double x, double y, double l, double m,
                                 double n, double wavelength);
 
+/* Many rays by the rules of nuvrix_trace_ray, one OpenMP team over them:
+ * launch k is launches[5k .. 5k + 4] = (x, y, l, m, n) and its result
+ * results[k], the same bits as nuvrix_trace_ray gives it alone.  Returns 0
+ * (count 0 or less touches nothing), -1 for a null surfaces, indices,
+ * launches or results with count above 0. */
+int32_t nuvrix_trace_rays(const SurfaceData* surfaces, int32_t surface_count,
+                          const double* indices, int32_t start_surface, int32_t last_surface,
+                          const double* launches, int32_t count, double wavelength,
+                          RayTraceResult* results);
+
 /* As nuvrix_trace_ray, and also stores the ray's state at the launch and
  * after every surface into states, which must hold 256 records. */
 RayTraceResult nuvrix_trace_ray_full(const SurfaceData* surfaces, int32_t surface_count,

@@ -18,6 +18,7 @@ enum TraceOp : uint8_t {
   kTraceRayFull,
   kTraceArbitraryRay,
   kAimToStop,
+  kTraceRays,
   kTraceOpCount
 };
 

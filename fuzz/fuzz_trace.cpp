@@ -52,6 +52,34 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
       keep(r);
       break;
     }
+    case kTraceRays: {
+      // Many rays: each the single trace's result, whatever the launches.
+      TraceRayArgs a;
+      a.visit(in);
+      System sys = read_system(in);
+      Buf<double> row = sys.row(a.row);
+      int32_t count = 0;
+      in.count(count, 16);
+      Buf<double> launches(5 * (count > 0 ? count : 0) + 1);
+      for (size_t k = 0; k < launches.size(); ++k) launches[k] = in.f64();
+      Buf<RayTraceResult> many(count > 0 ? count : 1);
+      if (nuvrix_trace_rays(sys.surfaces.data(), sys.surface_count, row.data(), a.start_surface,
+                            a.last_surface, launches.data(), count, a.wavelength,
+                            many.data()) != 0) {
+        std::abort();
+      }
+      for (int32_t k = 0; k < count; ++k) {
+        double const* u = launches.data() + 5 * k;
+        RayTraceResult const one =
+            nuvrix_trace_ray(sys.surfaces.data(), sys.surface_count, row.data(), a.start_surface,
+                             a.last_surface, u[0], u[1], u[2], u[3], u[4], a.wavelength);
+        if (std::memcmp(&one.y, &many[k].y, sizeof(double)) != 0 || one.valid != many[k].valid ||
+            one.status != many[k].status) {
+          std::abort();
+        }
+      }
+      break;
+    }
     case kTraceArbitraryRay: {
       ArbitraryRayArgs a;
       a.visit(in);

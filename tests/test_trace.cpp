@@ -6,6 +6,8 @@
 #include <limits>
 #include <vector>
 
+#include <omp.h>
+
 #include "api/nuvrix.h"
 #include "tests/systems.hpp"
 #include "trace/trace_core.hpp"
@@ -450,4 +452,48 @@ TEST(ModelGlass, IndexFollowsNdAndAbbeNumber) {
   // Outside the array the medium is air.
   for (int i : {3, -1})
     EXPECT_EQ(nuvrix::detail::rt_medium_index(sys.surfaces.data(), 3, sys.row(), i, 500.0), 1.0);
+}
+
+// Many rays in one call: each result the bits of the single trace, at any
+// team size, failures included; nothing touched without rays.
+TEST(Trace, ManyRaysEqualTheirSingleTraces) {
+  System sys = nuvrix_test::cooke_triplet();
+  sys.surfaces[3].semi_diameter = 4.0, sys.surfaces[3].aperture_kind = 1;  // clips some rays
+  int const count = 501;
+  std::vector<double> launches;
+  for (int k = 0; k < count; ++k) {
+    double const y = -7.0 + 14.0 * k / (count - 1), m = 0.3 * std::sin(0.7 * k);
+    launches.insert(launches.end(), {0.1 * std::cos(k), y, 0.0, m, std::sqrt(1.0 - m * m)});
+  }
+  std::vector<RayTraceResult> many(count);
+  for (int threads : {1, 2}) {
+    omp_set_num_threads(threads);
+    ASSERT_EQ(nuvrix_trace_rays(sys.surfaces.data(), sys.count(), sys.row(), 1, 0,
+                                launches.data(), count, 587.6, many.data()),
+              0);
+    int failed = 0;
+    for (int k = 0; k < count; ++k) {
+      double const* u = &launches[5 * k];
+      RayTraceResult const one = nuvrix_trace_ray(sys.surfaces.data(), sys.count(), sys.row(), 1,
+                                                  0, u[0], u[1], u[2], u[3], u[4], 587.6);
+      RayTraceResult const& got = many[k];
+      double const want_d[13] = {one.x, one.y, one.z, one.l, one.m, one.n, one.nx, one.ny,
+                                 one.nz, one.sag_path, one.opl, one.phase_waves, one.violation};
+      double const got_d[13] = {got.x, got.y, got.z, got.l, got.m, got.n, got.nx, got.ny,
+                                got.nz, got.sag_path, got.opl, got.phase_waves, got.violation};
+      ASSERT_EQ(std::memcmp(want_d, got_d, sizeof want_d), 0) << k;
+      ASSERT_EQ(one.status, got.status);
+      ASSERT_EQ(one.valid, got.valid);
+      ASSERT_EQ(one.failed_surface, got.failed_surface);
+      failed += one.valid == 0;
+    }
+    EXPECT_GT(failed, 0);
+  }
+  omp_set_num_threads(omp_get_num_procs());
+  EXPECT_EQ(nuvrix_trace_rays(sys.surfaces.data(), sys.count(), sys.row(), 1, 0, nullptr, 0,
+                              587.6, nullptr),
+            0);
+  EXPECT_EQ(nuvrix_trace_rays(sys.surfaces.data(), sys.count(), nullptr, 1, 0, launches.data(),
+                              1, 587.6, many.data()),
+            -1);
 }
