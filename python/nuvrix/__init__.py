@@ -1,0 +1,12 @@
+"""Python face of libnuvrix_native, the numerical engine of a lens design
+program: its records as NumPy structured dtypes, and its calls on NumPy
+arrays through ctypes."""
+
+from ._native import (BATCHED, CONFIG, FIELD, OPERAND, PICKUP, RAY_RESULT, RESULT,
+                      SPOT_HIT, SPOT_RESULT, SURFACE, VARIABLE, NuvrixError, library, load)
+from .calls import evaluate_merit, spot_diagram, trace_rays, version
+from .lens import Lens
+
+__all__ = ["load", "library", "version", "Lens", "NuvrixError", "trace_rays", "spot_diagram",
+           "evaluate_merit", "SURFACE", "CONFIG", "FIELD", "OPERAND", "VARIABLE", "RESULT",
+           "PICKUP", "BATCHED", "RAY_RESULT", "SPOT_RESULT", "SPOT_HIT"]

@@ -1,0 +1,153 @@
+"""The engine's shared library through ctypes, and its records as NumPy dtypes.
+
+ctypes, from Python's own library, needs no compiler and no build step, so
+the package is plain Python next to the engine; cffi would add a
+dependency that Debian's python3-numpy and python3-matplotlib do not bring.
+"""
+
+import ctypes
+import os
+import pathlib
+
+import numpy as np
+
+__all__ = ["NuvrixError", "load", "library", "SURFACE", "CONFIG", "FIELD", "OPERAND",
+           "VARIABLE", "RESULT", "PICKUP", "BATCHED", "RAY_RESULT", "SPOT_RESULT", "SPOT_HIT"]
+
+
+class NuvrixError(Exception):
+    """A call the engine refused, or arguments that would leave its contract.
+
+    status is the engine's return code (None where Python refused the call
+    before it reached the engine); the message says what it means."""
+
+    def __init__(self, message, status=None):
+        super().__init__(message if status is None else f"{message} (status {status})")
+        self.status = status
+
+
+def _dtype(fields):
+    return np.dtype(fields, align=True)
+
+
+SURFACE = _dtype([("surface_reserved_head", "i4"), ("type", "i4"), ("curvature", "f8"),
+                  ("thickness", "f8"), ("conic", "f8"), ("semi_diameter", "f8"),
+                  ("aperture_kind", "i4"), ("coefficients", "f8", (8,)),
+                  ("surface_reserved_mid", "i4"), ("is_mirror", "i4"),
+                  ("aperture_radius", "f8"), ("aperture_radius_alt", "f8"),
+                  ("aperture_override", "f8"), ("is_glass", "i4"), ("aperture_percent", "f8"),
+                  ("model_glass", "i4"), ("model_nd", "f8"), ("model_vd", "f8"),
+                  ("model_dpgf", "f8"), ("focal_length", "f8")])
+CONFIG = _dtype([("field_type", "i4"), ("aperture_type", "i4"), ("aperture_value", "f8"),
+                 ("ray_aiming", "i4"), ("stop_surface", "i4"), ("config_reserved", "i4"),
+                 ("config_reserved_tail", "i4"), ("primary_wavelength", "i4"),
+                 ("afocal_image", "i4"), ("penalize_failed_rays", "i4"),
+                 ("telecentric_object", "i4")])
+FIELD = _dtype([("field_y", "f8"), ("field_reserved", "f8"), ("field_x", "f8")])
+OPERAND = _dtype([("type", "u4"), ("transform", "u4"), ("centroid_tag", "i4"),
+                  ("group_id", "i4"), ("surface", "i4"), ("wave", "i4"), ("operand_a", "i4"),
+                  ("operand_b", "i4"), ("surface_first", "i4"), ("surface_last", "i4"),
+                  ("has_lower", "i4"), ("has_upper", "i4"), ("hx", "f8"), ("hy", "f8"),
+                  ("px", "f8"), ("py", "f8"), ("target", "f8"), ("lower", "f8"),
+                  ("upper", "f8"), ("weight", "f8"), ("scale", "f8"), ("reserved_int", "i4"),
+                  ("sample_count", "i4"), ("reserved_double", "f8")])
+VARIABLE = _dtype([("kind", "u4"), ("surface", "i4"), ("field", "i4"), ("reserved_a", "i4"),
+                   ("reserved_b", "i4"), ("coefficient", "i4"), ("has_lower", "i4"),
+                   ("has_upper", "i4"), ("lower", "f8"), ("upper", "f8")])
+RESULT = _dtype([("value", "f8"), ("status", "i4")])
+PICKUP = _dtype([("target_surface", "i4"), ("source_surface", "i4"), ("kind", "u4"),
+                 ("factor", "f8"), ("offset", "f8")])
+BATCHED = _dtype([("use_gpu", "i4"), ("jacobian_mode", "i4"), ("thread_count", "i4"),
+                  ("want_jacobian", "i4"), ("reserved", "i4", (4,))])
+RAY_RESULT = _dtype([("x", "f8"), ("y", "f8"), ("z", "f8"), ("l", "f8"), ("m", "f8"),
+                     ("n", "f8"), ("nx", "f8"), ("ny", "f8"), ("nz", "f8"), ("sag_path", "f8"),
+                     ("status", "i4"), ("opl", "f8"), ("phase_waves", "f8"), ("valid", "i4"),
+                     ("states_written", "i4"), ("failed_surface", "i4"), ("violation", "f8")])
+SPOT_RESULT = _dtype([("rms_radius", "f8"), ("rms_x", "f8"), ("rms_y", "f8"),
+                      ("geo_radius", "f8"), ("chief_x", "f8"), ("chief_y", "f8"),
+                      ("centroid_x", "f8"), ("centroid_y", "f8"), ("ray_count", "i4"),
+                      ("field_index", "i4")])
+
+SPOT_HIT = _dtype([("x", "f8"), ("y", "f8"), ("wavelength_index", "i4"), ("valid", "i4")])
+
+# The sizes that the engine reports, in the order of its layout report.
+_REPORTED = [OPERAND, VARIABLE, SURFACE, CONFIG, FIELD, RESULT, PICKUP, BATCHED]
+
+_P = ctypes.c_void_p
+_I = ctypes.c_int32
+_D = ctypes.c_double
+_L = ctypes.c_long
+
+# The prototypes the package calls: name, result, arguments.
+_PROTOTYPES = [
+    ("nuvrix_version", ctypes.c_char_p, []),
+    ("nuvrix_merit_abi_info", None, [_P]),
+    ("nuvrix_trace_ray", None, [_P, _I, _P, _I, _I, _D, _D, _D, _D, _D, _D]),
+    ("nuvrix_trace_rays", _I, [_P, _I, _P, _I, _I, _P, _I, _D, _P]),
+    ("nuvrix_compute_spot_diagram_with_rays", _I,
+     [_P, _I, _P, _P, _I, _P, _P, _I, _I, _I, _I, _P, _I, _P]),
+    ("nuvrix_evaluate_merit", _I, [_P, _I, _P, _P, _I, _P, _P, _I, _P, _I, _P, _P, _P, _P]),
+    ("nuvrix_calculate_efl", _D, [_P, _I, _P]),
+]
+
+
+
+class RayTraceResult(ctypes.Structure):
+    """RayTraceResult as nuvrix_trace_ray returns it by value."""
+    _fields_ = [(name, ctypes.c_double if RAY_RESULT[name].kind == "f" else ctypes.c_int32)
+                for name in RAY_RESULT.names]
+
+
+_library = None
+
+
+def _candidates():
+    """Where the library may be, in order: NUVRIX_LIBRARY, beside the
+    installed package, the build folder of a checkout."""
+    env = os.environ.get("NUVRIX_LIBRARY")
+    if env:
+        yield pathlib.Path(env)
+    here = pathlib.Path(__file__).resolve().parent
+    for up in here.parents:
+        yield up / "libnuvrix_native.so.0"
+        if (up / "CMakeLists.txt").exists() and (up / "build").is_dir():
+            yield up / "build" / "libnuvrix_native.so.0"
+
+
+def load(path=None):
+    """Loads the engine (from path, else from the places _candidates names)
+    and checks every record's size against its layout report."""
+    global _library
+    paths = [pathlib.Path(path)] if path is not None else list(_candidates())
+    for p in paths:
+        if p.exists():
+            lib = ctypes.CDLL(str(p))
+            break
+    else:
+        raise NuvrixError("libnuvrix_native.so.0 not found; set NUVRIX_LIBRARY or call "
+                          "nuvrix.load(path)")
+    for name, result, args in _PROTOTYPES:
+        fn = getattr(lib, name)
+        fn.restype = result
+        fn.argtypes = args
+    lib.nuvrix_trace_ray.restype = RayTraceResult
+    if ctypes.sizeof(RayTraceResult) != RAY_RESULT.itemsize:
+        raise NuvrixError("RayTraceResult differs between ctypes and NumPy")
+    report = np.zeros(12, dtype=np.int32)
+    lib.nuvrix_merit_abi_info(report.ctypes.data)
+    sizes = [int(v) for v in report[4:12]]
+    mine = [d.itemsize for d in _REPORTED]
+    if sizes != mine:
+        raise NuvrixError(f"the engine's record sizes {sizes} differ from this package's {mine}")
+    _library = lib
+    return lib
+
+
+def library():
+    """The loaded engine; loads it on first use."""
+    return _library if _library is not None else load()
+
+
+def pointer(array):
+    """The address of a NumPy array's data, or None for None."""
+    return None if array is None else array.ctypes.data

@@ -1,0 +1,77 @@
+"""A sequential optical system as the engine's flat records, editable from
+Python: surfaces, an index table of wavelengths by surfaces, fields,
+wavelengths, the configuration, and a merit function's operands,
+variables and pickups."""
+
+import numpy as np
+
+from . import _native as native
+
+__all__ = ["Lens"]
+
+
+class Lens:
+    """The records of one system.
+
+    surfaces:   structured array of SURFACE, surface 0 the object
+    indices:    float array (wavelengths, surfaces): the index behind each
+                surface at each wavelength
+    wavelengths_um, fields (structured FIELD), config (one CONFIG record),
+    operands, variables, pickups (structured, possibly empty)."""
+
+    def __init__(self, surface_count, wavelengths_um, field_count=1):
+        self.surfaces = np.zeros(surface_count, dtype=native.SURFACE)
+        self.surfaces["aperture_percent"] = 100.0
+        self.wavelengths_um = np.asarray(wavelengths_um, dtype=np.float64).copy()
+        self.indices = np.ones((len(self.wavelengths_um), surface_count), dtype=np.float64)
+        self.fields = np.zeros(field_count, dtype=native.FIELD)
+        self.config = np.zeros(1, dtype=native.CONFIG)
+        self.operands = np.zeros(0, dtype=native.OPERAND)
+        self.variables = np.zeros(0, dtype=native.VARIABLE)
+        self.pickups = np.zeros(0, dtype=native.PICKUP)
+
+    @classmethod
+    def from_records(cls, radii, thicknesses, indices, wavelengths_um, fields, stop_surface,
+                     aperture_value, field_type=0):
+        """A system from its radii (0 or inf: plane), thicknesses, index
+        rows (wavelengths by surfaces) and field values."""
+        lens = cls(len(radii), wavelengths_um, len(fields))
+        radii = np.asarray(radii, dtype=np.float64)
+        with np.errstate(divide="ignore"):
+            curvature = np.where((radii == 0.0) | ~np.isfinite(radii), 0.0, 1.0 / radii)
+        lens.surfaces["curvature"] = curvature
+        lens.surfaces["thickness"] = thicknesses
+        lens.indices[:] = np.asarray(indices, dtype=np.float64).reshape(lens.indices.shape)
+        lens.fields["field_y"] = fields
+        lens.config["stop_surface"] = stop_surface
+        lens.config["aperture_value"] = aperture_value
+        lens.config["field_type"] = field_type
+        return lens
+
+    @property
+    def surface_count(self):
+        return len(self.surfaces)
+
+    @property
+    def wave_count(self):
+        return len(self.wavelengths_um)
+
+    def check(self):
+        """Raises NuvrixError unless the arrays are what the engine reads:
+        their dtypes, contiguity and shapes agree with one another."""
+        n, w = self.surface_count, self.wave_count
+        wants = [("surfaces", native.SURFACE), ("fields", native.FIELD),
+                 ("config", native.CONFIG), ("operands", native.OPERAND),
+                 ("variables", native.VARIABLE), ("pickups", native.PICKUP)]
+        for name, dtype in wants:
+            a = getattr(self, name)
+            if not isinstance(a, np.ndarray) or a.dtype != dtype or not a.flags.c_contiguous:
+                raise native.NuvrixError(f"Lens.{name} must be a contiguous array of its dtype")
+        if self.config.shape != (1,):
+            raise native.NuvrixError("Lens.config holds one record")
+        for name, shape in [("indices", (w, n)), ("wavelengths_um", (w,))]:
+            a = getattr(self, name)
+            if a.dtype != np.float64 or a.shape != shape or not a.flags.c_contiguous:
+                raise native.NuvrixError(f"Lens.{name} must be contiguous float64 of shape {shape}")
+        if n < 1 or w < 1 or len(self.fields) < 1:
+            raise native.NuvrixError("a lens needs a surface, a wavelength and a field")

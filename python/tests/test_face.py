@@ -1,0 +1,108 @@
+"""The Python face against the engine's own calls and against closed forms."""
+
+import ctypes
+import threading
+
+import numpy as np
+import pytest
+
+import nuvrix
+from nuvrix import _native
+
+
+def cooke():
+    """The Cooke triplet at the d line, fields 0, 14 and 20 degrees."""
+    index = [1.0, 1.620410, 1.0, 1.620040, 1.0, 1.620410, 1.0, 1.0]
+    return nuvrix.Lens.from_records(
+        [0, 22.01359, -435.76044, -22.21328, 20.29192, 79.68360, -18.39533, 0],
+        [1e10, 3.25896, 6.00755, 0.99997, 4.75041, 2.95208, 42.20778, 0], [index], [0.5876],
+        [0.0, 14.0, 20.0], 4, 10.0)
+
+
+def test_records_match_the_layout_report():
+    report = np.zeros(12, dtype=np.int32)
+    nuvrix.library().nuvrix_merit_abi_info(report.ctypes.data)
+    dtypes = [nuvrix.OPERAND, nuvrix.VARIABLE, nuvrix.SURFACE, nuvrix.CONFIG, nuvrix.FIELD,
+              nuvrix.RESULT, nuvrix.PICKUP, nuvrix.BATCHED]
+    assert [d.itemsize for d in dtypes] == list(report[4:12])
+    assert list(report[4:12]) == [136, 48, 200, 48, 24, 16, 32, 32]
+    assert nuvrix.version() == "0.1.0"
+
+
+def test_many_rays_are_the_single_traces():
+    lens = cooke()
+    k = np.arange(300)
+    m = 0.3 * np.sin(0.7 * k)
+    launches = np.stack([0.1 * np.cos(k), np.linspace(-7, 7, 300), 0 * k, m,
+                         np.sqrt(1 - m * m)], axis=1)
+    many = nuvrix.trace_rays(lens, launches)
+    lib = nuvrix.library()
+    row = np.ascontiguousarray(lens.indices[0])
+    for i, u in enumerate(launches):
+        one = lib.nuvrix_trace_ray(lens.surfaces.ctypes.data, 8, row.ctypes.data, 1, 0,
+                                   *map(float, u), 587.6)
+        assert (one.x, one.y, one.l, one.m, one.valid) == (
+            many["x"][i], many["y"][i], many["l"][i], many["m"][i], many["valid"][i])
+
+
+def test_spot_radius_is_the_rms_of_its_hits():
+    result, hits = nuvrix.spot_diagram(cooke(), 2, grid_size=8)
+    assert len(hits) == result["ray_count"] == 1 + 3 * 8 * 9
+    d2 = (hits["x"] - result["chief_x"]) ** 2 + (hits["y"] - result["chief_y"]) ** 2
+    assert result["rms_radius"] == pytest.approx(np.sqrt(d2.mean()), rel=1e-12)
+    assert result["geo_radius"] == pytest.approx(np.sqrt(d2.max()), rel=1e-12)
+
+
+def test_focal_length_operand_is_the_engines_focal_length():
+    lens = cooke()
+    ops = np.zeros(1, dtype=nuvrix.OPERAND)
+    ops["type"], ops["weight"], ops["target"], ops["group_id"], ops["wave"] = 50, 4.0, 50.0, -1, -1
+    merit, residuals, results = nuvrix.evaluate_merit(lens, ops)
+    efl = nuvrix.library().nuvrix_calculate_efl(lens.surfaces.ctypes.data, 8,
+                                                lens.indices.ctypes.data)
+    # The operand's focal length and the exported one are two formulas of
+    # the same quantity: they agree to rounding.
+    assert results["value"][0] == pytest.approx(efl, rel=1e-13) and results["status"][0] == 1
+    value = results["value"][0]
+    assert residuals[0] == pytest.approx(2.0 * (value - 50.0), rel=1e-15)
+    assert merit == pytest.approx(abs(value - 50.0), rel=1e-15)
+
+
+def test_bad_input_raises_and_the_process_lives():
+    lens = cooke()
+    cases = [lambda: nuvrix.trace_rays(lens, np.zeros((3, 4))),
+             lambda: nuvrix.trace_rays(lens, np.zeros((1, 5)), wave=1),
+             lambda: nuvrix.spot_diagram(lens, 3),
+             lambda: nuvrix.spot_diagram(lens, 0, grid_size=0),
+             lambda: nuvrix.evaluate_merit(lens, np.zeros(2))]
+    for call in cases:
+        with pytest.raises(nuvrix.NuvrixError):
+            call()
+    lens.surfaces = np.zeros(8, dtype=[("curvature", "f8")])
+    with pytest.raises(nuvrix.NuvrixError):
+        nuvrix.trace_rays(lens, np.zeros((1, 5)))
+    # The chief ray of a field beyond what the lens passes fails in the engine.
+    wide = cooke()
+    wide.fields["field_y"][2] = 89.0
+    with pytest.raises(nuvrix.NuvrixError) as failure:
+        nuvrix.spot_diagram(wide, 2)
+    assert failure.value.status in (-2, -3)
+    assert nuvrix.version() == "0.1.0"
+
+
+def test_threads_give_what_each_gives_alone():
+    lens = cooke()
+    alone = [nuvrix.spot_diagram(lens, f, grid_size=10) for f in range(3)]
+    got = [None] * 12
+
+    def run(k):
+        got[k] = nuvrix.spot_diagram(lens, k % 3, grid_size=10)
+
+    threads = [threading.Thread(target=run, args=(k,)) for k in range(12)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    for k, (result, hits) in enumerate(got):
+        assert result.tobytes() == alone[k % 3][0].tobytes()
+        assert hits.tobytes() == alone[k % 3][1].tobytes()
