@@ -11,7 +11,7 @@ import pathlib
 
 import numpy as np
 
-__all__ = ["NuvrixError", "load", "library", "SURFACE", "CONFIG", "FIELD", "OPERAND",
+__all__ = ["NuvrixError", "load", "library", "lensfile", "SURFACE", "CONFIG", "FIELD", "OPERAND",
            "VARIABLE", "RESULT", "PICKUP", "BATCHED", "RAY_RESULT", "SPOT_RESULT", "SPOT_HIT"]
 
 
@@ -140,6 +140,40 @@ def load(path=None):
     if sizes != mine:
         raise NuvrixError(f"the engine's record sizes {sizes} differ from this package's {mine}")
     _library = lib
+    return lib
+
+
+_lensfile = None
+
+
+def lensfile():
+    """The lens-file reader (libnuvrix_lensfile.so, the nuvrix tool's own):
+    NUVRIX_LENSFILE_LIBRARY, else beside the engine, else in build/tools of
+    a checkout."""
+    global _lensfile
+    if _lensfile is not None:
+        return _lensfile
+    engine = pathlib.Path(library()._name)
+    paths = [pathlib.Path(p) for p in [os.environ.get("NUVRIX_LENSFILE_LIBRARY")] if p]
+    paths += [engine.parent / "libnuvrix_lensfile.so", engine.parent / "tools" / "libnuvrix_lensfile.so"]
+    for p in paths:
+        if p.exists():
+            lib = ctypes.CDLL(str(p))
+            break
+    else:
+        raise NuvrixError("libnuvrix_lensfile.so (the lens-file reader) not found beside "
+                          f"{engine}; set NUVRIX_LENSFILE_LIBRARY")
+    lib.nuvrix_lensfile_load.restype = _I
+    lib.nuvrix_lensfile_load.argtypes = [ctypes.c_char_p, ctypes.POINTER(_P), ctypes.c_char_p, _I]
+    lib.nuvrix_lensfile_counts.restype = None
+    lib.nuvrix_lensfile_counts.argtypes = [_P, _P]
+    lib.nuvrix_lensfile_name.restype = ctypes.c_char_p
+    lib.nuvrix_lensfile_name.argtypes = [_P]
+    lib.nuvrix_lensfile_copy.restype = None
+    lib.nuvrix_lensfile_copy.argtypes = [_P] * 9
+    lib.nuvrix_lensfile_free.restype = None
+    lib.nuvrix_lensfile_free.argtypes = [_P]
+    _lensfile = lib
     return lib
 
 

@@ -3,6 +3,8 @@ Python: surfaces, an index table of wavelengths by surfaces, fields,
 wavelengths, the configuration, and a merit function's operands,
 variables and pickups."""
 
+import ctypes
+
 import numpy as np
 
 from . import _native as native
@@ -20,6 +22,8 @@ class Lens:
     operands, variables, pickups (structured, possibly empty)."""
 
     def __init__(self, surface_count, wavelengths_um, field_count=1):
+        self.name = ""
+        self.default_merit = False
         self.surfaces = np.zeros(surface_count, dtype=native.SURFACE)
         self.surfaces["aperture_percent"] = 100.0
         self.wavelengths_um = np.asarray(wavelengths_um, dtype=np.float64).copy()
@@ -46,6 +50,43 @@ class Lens:
         lens.config["stop_surface"] = stop_surface
         lens.config["aperture_value"] = aperture_value
         lens.config["field_type"] = field_type
+        return lens
+
+    @classmethod
+    def from_file(cls, path):
+        """A JSON lens file, read by the nuvrix tool's own reader (the same
+        format and rules, examples/README.md): its records, its merit block
+        (or the report's default merit function), variables and pickups."""
+        return cls._read(str(path).encode())
+
+    @classmethod
+    def cooke_triplet(cls):
+        """The tool's built-in Cooke triplet (f = 50 mm, f/5, fields 0, 14
+        and 20 degrees, three wavelengths), with the default merit function."""
+        return cls._read(None)
+
+    @classmethod
+    def _read(cls, path):
+        reader = native.lensfile()
+        handle = ctypes.c_void_p()
+        error = ctypes.create_string_buffer(512)
+        if reader.nuvrix_lensfile_load(path, ctypes.byref(handle), error, len(error)) != 0:
+            raise native.NuvrixError(error.value.decode(errors="replace"))
+        try:
+            counts = np.zeros(7, dtype=np.int32)
+            reader.nuvrix_lensfile_counts(handle, counts.ctypes.data)
+            n, w, f, o, v, p = (int(c) for c in counts[:6])
+            lens = cls(n, np.zeros(w), f)
+            lens.name = reader.nuvrix_lensfile_name(handle).decode(errors="replace")
+            lens.default_merit = bool(counts[6])
+            lens.operands = np.zeros(o, dtype=native.OPERAND)
+            lens.variables = np.zeros(v, dtype=native.VARIABLE)
+            lens.pickups = np.zeros(p, dtype=native.PICKUP)
+            arrays = [lens.surfaces, lens.indices, lens.wavelengths_um, lens.fields, lens.config,
+                      lens.operands, lens.variables, lens.pickups]
+            reader.nuvrix_lensfile_copy(handle, *[native.pointer(a) for a in arrays])
+        finally:
+            reader.nuvrix_lensfile_free(handle)
         return lens
 
     @property

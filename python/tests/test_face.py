@@ -106,3 +106,22 @@ def test_threads_give_what_each_gives_alone():
     for k, (result, hits) in enumerate(got):
         assert result.tobytes() == alone[k % 3][0].tobytes()
         assert hits.tobytes() == alone[k % 3][1].tobytes()
+
+
+def test_lens_files_are_read_by_the_tools_reader(tmp_path):
+    import pathlib
+    examples = pathlib.Path(__file__).resolve().parents[2] / "examples"
+    built_in = nuvrix.Lens.cooke_triplet()
+    from_file = nuvrix.Lens.from_file(examples / "cooke_triplet.json")
+    # The example file and the built-in triplet are one lens.
+    assert built_in.surfaces.tobytes() == from_file.surfaces.tobytes()
+    assert np.array_equal(built_in.indices, from_file.indices)
+    assert built_in.default_merit and len(built_in.operands) == len(from_file.operands) > 300
+    perturbed = nuvrix.Lens.from_file(examples / "cooke_perturbed.json")
+    assert len(perturbed.variables) == 8 and perturbed.variables["has_upper"][6] == 1
+    merit, residuals, _ = nuvrix.evaluate_merit(from_file)
+    assert merit > 0 and len(residuals) > 0
+    bad = tmp_path / "bad.json"
+    bad.write_text('{"surfaces": 3}')
+    with pytest.raises(nuvrix.NuvrixError):
+        nuvrix.Lens.from_file(bad)

@@ -44,10 +44,11 @@ done
 if [ -f "$build/nuvrix_kernel.fatbin" ]; then
   [ -f "$libdir/nuvrix_kernel.fatbin" ] || { echo "the side file is not beside the library"; exit 1; }
 fi
-# The Python package finds the library of its own prefix.
+# The Python package finds the library of its own prefix, and the lens-file
+# reader beside it.
 if /usr/bin/python3 -c "import numpy" 2>/dev/null; then
   found="$(cd "$work" && NUVRIX_LIBRARY= PYTHONPATH="$libdir/python3/dist-packages" \
-           /usr/bin/python3 -c "import nuvrix; print(nuvrix.library()._name)")"
+           /usr/bin/python3 -c "import nuvrix; nuvrix.Lens.cooke_triplet(); print(nuvrix.library()._name)")"
   [ "$(dirname "$(realpath "$found")")" = "$(realpath "$libdir")" ] ||
     { echo "python loads $found"; exit 1; }
 fi
