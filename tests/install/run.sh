@@ -15,8 +15,10 @@ prefix="$work/prefix"
 
 check() {  # a host: it runs, and its engine is the prefix's
   "$1"
-  ldd "$1" | grep -q "libnuvrix_native.so.0 => $prefix/" ||
-    { echo "$1 does not resolve the engine to $prefix"; ldd "$1"; exit 1; }
+  local deps
+  deps="$(ldd "$1")"  # whole, so that no early end of a reader cuts ldd short
+  [[ "$deps" == *"libnuvrix_native.so.0 => $prefix/"* ]] ||
+    { echo "$1 does not resolve the engine to $prefix"; echo "$deps"; exit 1; }
 }
 
 cmake -S "$here" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Release >/dev/null
