@@ -12,7 +12,8 @@ import pathlib
 import numpy as np
 
 __all__ = ["NuvrixError", "load", "library", "lensfile", "SURFACE", "CONFIG", "FIELD", "OPERAND",
-           "VARIABLE", "RESULT", "PICKUP", "BATCHED", "RAY_RESULT", "SPOT_RESULT", "SPOT_HIT"]
+           "VARIABLE", "RESULT", "PICKUP", "BATCHED", "RAY_RESULT", "SPOT_RESULT", "SPOT_HIT", "FAN_POINT",
+           "FAN_HEADER"]
 
 
 class NuvrixError(Exception):
@@ -68,6 +69,10 @@ SPOT_RESULT = _dtype([("rms_radius", "f8"), ("rms_x", "f8"), ("rms_y", "f8"),
                       ("centroid_x", "f8"), ("centroid_y", "f8"), ("ray_count", "i4"),
                       ("field_index", "i4")])
 
+FAN_POINT = _dtype([("pupil_coordinate", "f8"), ("value", "f8"), ("wavelength_index", "i4"),
+                   ("valid", "i4")])
+FAN_HEADER = _dtype([("field_index", "i4"), ("max_abs_value", "f8"), ("tangential_count", "i4"),
+                     ("sagittal_count", "i4")])
 SPOT_HIT = _dtype([("x", "f8"), ("y", "f8"), ("wavelength_index", "i4"), ("valid", "i4")])
 
 # The sizes that the engine reports, in the order of its layout report.
@@ -86,6 +91,7 @@ _PROTOTYPES = [
     ("nuvrix_trace_rays", _I, [_P, _I, _P, _I, _I, _P, _I, _D, _P]),
     ("nuvrix_compute_spot_diagram_with_rays", _I,
      [_P, _I, _P, _P, _I, _P, _P, _I, _I, _I, _I, _P, _I, _P]),
+    ("nuvrix_compute_transverse_ray_fan", _I, [_P, _I, _P, _I, _P, _P, _I, _I, _I, _P, _P, _P]),
     ("nuvrix_evaluate_merit", _I, [_P, _I, _P, _P, _I, _P, _P, _I, _P, _I, _P, _P, _P, _P]),
     ("nuvrix_calculate_efl", _D, [_P, _I, _P]),
 ]

@@ -6,7 +6,7 @@ import numpy as np
 
 from . import _native as native
 
-__all__ = ["version", "trace_rays", "spot_diagram", "evaluate_merit"]
+__all__ = ["version", "trace_rays", "spot_diagram", "ray_fan", "evaluate_merit"]
 
 _SPOT_STATUS = {-1: "field index out of range", -2: "the chief ray failed",
                 -3: "no ray survived"}
@@ -77,6 +77,30 @@ def spot_diagram(lens, field_index, grid_size=6, hexapolar=True, weights=None, c
         raise native.NuvrixError(_SPOT_STATUS.get(status, "the spot diagram failed"), status)
     stored = min(int(result["ray_count"][0]), capacity)
     return result[0], hits[:stored]
+
+
+def ray_fan(lens, field_index, point_count=40):
+    """Tangential and sagittal transverse ray fans of one field at every
+    wavelength, point_count + 1 samples of the pupil each: (tangential,
+    sagittal), FAN_POINT arrays of shape (wavelengths, point_count + 1),
+    values in mm from the primary chief ray."""
+    lens.check()
+    field_index = _index(field_index, len(lens.fields), "field_index")
+    point_count = int(point_count)
+    if point_count < 1:
+        raise native.NuvrixError("point_count must be at least 1")
+    shape = (lens.wave_count, point_count + 1)
+    tangential = np.zeros(shape, dtype=native.FAN_POINT)
+    sagittal = np.zeros(shape, dtype=native.FAN_POINT)
+    header = np.zeros(1, dtype=native.FAN_HEADER)
+    status = native.library().nuvrix_compute_transverse_ray_fan(
+        native.pointer(lens.surfaces), lens.surface_count, native.pointer(lens.indices),
+        lens.wave_count, native.pointer(lens.config), native.pointer(lens.fields),
+        len(lens.fields), field_index, point_count, native.pointer(tangential),
+        native.pointer(sagittal), native.pointer(header))
+    if status != 0:
+        raise native.NuvrixError(_SPOT_STATUS.get(status, "the ray fan failed"), status)
+    return tangential, sagittal
 
 
 def evaluate_merit(lens, operands=None):

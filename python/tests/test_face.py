@@ -125,3 +125,22 @@ def test_lens_files_are_read_by_the_tools_reader(tmp_path):
     bad.write_text('{"surfaces": 3}')
     with pytest.raises(nuvrix.NuvrixError):
         nuvrix.Lens.from_file(bad)
+
+
+def test_ray_fans_of_the_axis_are_alike():
+    # On the axis of a system of revolution the sagittal fan is the
+    # tangential one, and both are odd in the pupil coordinate.
+    tangential, sagittal = nuvrix.ray_fan(nuvrix.Lens.cooke_triplet(), 0, 20)
+    assert np.allclose(tangential["value"], sagittal["value"], rtol=0, atol=1e-12)
+    assert np.allclose(tangential["value"], -tangential["value"][:, ::-1], rtol=0, atol=1e-12)
+    assert tangential["valid"].all() and np.abs(tangential["value"]).max() > 1e-3
+
+
+def test_every_plot_is_written(tmp_path):
+    from nuvrix import __main__ as cli
+    assert cli.main(["plots", "--out", str(tmp_path)]) == 0
+    written = sorted(p.name for p in tmp_path.iterdir())
+    assert written == ["ray_fans.png", "spots.png"]
+    for p in tmp_path.iterdir():
+        assert p.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n" and p.stat().st_size > 20000
+    assert cli.main(["plots", str(tmp_path / "missing.json"), "--out", str(tmp_path)]) == 2
