@@ -7,6 +7,7 @@
 
 #include "tools/lens_file.hpp"
 #include "tools/merit_function.hpp"
+#include "tools/quality_setup.hpp"
 
 struct NuvrixLensFile {
   lensfile::Lens lens;
@@ -15,6 +16,13 @@ struct NuvrixLensFile {
 };
 
 namespace {
+
+void copy_error(std::string const& message, char* error, int32_t capacity) {
+  if (error == nullptr || capacity < 1) return;
+  size_t const n = std::min(message.size(), static_cast<size_t>(capacity - 1));
+  std::memcpy(error, message.data(), n);
+  error[n] = '\0';
+}
 
 template <typename T>
 void copy_out(std::vector<T> const& from, T* to) {
@@ -35,11 +43,7 @@ int32_t nuvrix_lensfile_load(const char* path, NuvrixLensFile** out, char* error
                           ? lensfile::load_lens_file(path, file->lens, message)
                           : lensfile::build_lens(lensfile::cooke_triplet(), file->lens, message);
   if (!loaded) {
-    if (error != nullptr && capacity > 0) {
-      size_t const n = std::min(message.size(), static_cast<size_t>(capacity - 1));
-      std::memcpy(error, message.data(), n);
-      error[n] = '\0';
-    }
+    copy_error(message, error, capacity);
     delete file;
     return -1;
   }
@@ -83,5 +87,30 @@ void nuvrix_lensfile_copy(const NuvrixLensFile* f, SurfaceData* surfaces, double
 }
 
 void nuvrix_lensfile_free(NuvrixLensFile* f) { delete f; }
+
+int32_t nuvrix_lensfile_quality(const SurfaceData* surfaces, int32_t n, const double* indices,
+                                const double* wavelengths_um, int32_t wave_count,
+                                const SystemConfig* config, const FieldData* fields,
+                                int32_t field_count, double* out, char* error,
+                                int32_t capacity) {
+  if (surfaces == nullptr || indices == nullptr || wavelengths_um == nullptr ||
+      config == nullptr || fields == nullptr || out == nullptr || n < 1 || wave_count < 1 ||
+      field_count < 1 || config->primary_wavelength < 0 ||
+      config->primary_wavelength >= wave_count) {
+    copy_error("a system needs surfaces, wavelengths, fields and a primary row", error, capacity);
+    return 0;
+  }
+  lensfile::Lens lens;
+  lens.surfaces.assign(surfaces, surfaces + n);
+  lens.indices.assign(indices, indices + static_cast<long>(n) * wave_count);
+  lens.wavelengths_um.assign(wavelengths_um, wavelengths_um + wave_count);
+  lens.fields.assign(fields, fields + field_count);
+  lens.config = *config;
+  lens.media.assign(n, "");
+  lensfile::QualitySetup const q = lensfile::quality_setup(lens);
+  out[0] = q.reference_radius, out[1] = q.f_number, out[2] = q.cutoff;
+  if (!q.usable) copy_error(q.problem, error, capacity);
+  return q.usable ? 1 : 0;
+}
 
 }  // extern "C"

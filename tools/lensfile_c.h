@@ -37,6 +37,17 @@ void nuvrix_lensfile_copy(const NuvrixLensFile* lens, SurfaceData* surfaces, dou
 
 void nuvrix_lensfile_free(NuvrixLensFile* lens);
 
+/* The report's set-up of the diffraction analyses for a system of records:
+ * out[0] the reference sphere's radius (mm), out[1] the working F-number,
+ * out[2] the cutoff 1 / (lambda F) at the primary wavelength (cycles/mm),
+ * all at the primary wavelength.  Returns 1 when they could be formed, else
+ * 0 with a one-line reason in error. */
+int32_t nuvrix_lensfile_quality(const SurfaceData* surfaces, int32_t n, const double* indices,
+                                const double* wavelengths_um, int32_t wave_count,
+                                const SystemConfig* config, const FieldData* fields,
+                                int32_t field_count, double* out, char* error,
+                                int32_t capacity);
+
 #ifdef __cplusplus
 }
 #endif

@@ -13,7 +13,7 @@ import numpy as np
 
 __all__ = ["NuvrixError", "load", "library", "lensfile", "SURFACE", "CONFIG", "FIELD", "OPERAND",
            "VARIABLE", "RESULT", "PICKUP", "BATCHED", "RAY_RESULT", "SPOT_RESULT", "SPOT_HIT", "FAN_POINT",
-           "FAN_HEADER"]
+           "FAN_HEADER", "WAVEFRONT_RESULT", "PSF_RESULT", "MTF_POINT", "MTF_RESULT"]
 
 
 class NuvrixError(Exception):
@@ -73,6 +73,13 @@ FAN_POINT = _dtype([("pupil_coordinate", "f8"), ("value", "f8"), ("wavelength_in
                    ("valid", "i4")])
 FAN_HEADER = _dtype([("field_index", "i4"), ("max_abs_value", "f8"), ("tangential_count", "i4"),
                      ("sagittal_count", "i4")])
+WAVEFRONT_RESULT = _dtype([("grid_size", "i4"), ("peak_to_valley", "f8"), ("rms", "f8"),
+                          ("field_index", "i4"), ("wavelength_index", "i4")])
+PSF_RESULT = _dtype([("grid_size", "i4"), ("peak", "f8"), ("strehl", "f8"), ("pixel_pitch", "f8"),
+                    ("field_index", "i4"), ("reserved", "i4")])
+MTF_POINT = _dtype([("frequency", "f8"), ("tangential", "f8"), ("sagittal", "f8")])
+MTF_RESULT = _dtype([("field_index", "i4"), ("wavelength_index", "i4"), ("point_count", "i4"),
+                    ("max_frequency", "f8")])
 SPOT_HIT = _dtype([("x", "f8"), ("y", "f8"), ("wavelength_index", "i4"), ("valid", "i4")])
 
 # The sizes that the engine reports, in the order of its layout report.
@@ -92,6 +99,12 @@ _PROTOTYPES = [
     ("nuvrix_compute_spot_diagram_with_rays", _I,
      [_P, _I, _P, _P, _I, _P, _P, _I, _I, _I, _I, _P, _I, _P]),
     ("nuvrix_compute_transverse_ray_fan", _I, [_P, _I, _P, _I, _P, _P, _I, _I, _I, _P, _P, _P]),
+    ("nuvrix_compute_opd_fan", _I, [_P, _I, _P, _P, _I, _P, _P, _I, _I, _I, _D, _P, _P, _P]),
+    ("nuvrix_compute_wavefront_map", _I, [_P, _I, _P, _P, _D, _P, _P, _I, _I, _I, _D, _P, _P, _P]),
+    ("nuvrix_compute_fft_psf", _I,
+     [_P, _I, _P, _P, _D, _P, _P, _I, _I, _I, _D, _D, _P, _P, _P, _P, _P, _P]),
+    ("nuvrix_compute_fft_mtf", _I,
+     [_P, _I, _P, _P, _D, _P, _P, _I, _I, _I, _D, _D, _D, _D, _P, _P, _P, _P, _P, _I, _P]),
     ("nuvrix_evaluate_merit", _I, [_P, _I, _P, _P, _I, _P, _P, _I, _P, _I, _P, _P, _P, _P]),
     ("nuvrix_calculate_efl", _D, [_P, _I, _P]),
 ]
@@ -179,6 +192,8 @@ def lensfile():
     lib.nuvrix_lensfile_copy.argtypes = [_P] * 9
     lib.nuvrix_lensfile_free.restype = None
     lib.nuvrix_lensfile_free.argtypes = [_P]
+    lib.nuvrix_lensfile_quality.restype = _I
+    lib.nuvrix_lensfile_quality.argtypes = [_P, _I, _P, _P, _I, _P, _P, _I, _P, ctypes.c_char_p, _I]
     _lensfile = lib
     return lib
 

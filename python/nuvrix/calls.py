@@ -2,11 +2,14 @@
 argument is checked here before the call, so that nothing outside the
 engine's contract reaches it from Python."""
 
+import ctypes
+
 import numpy as np
 
 from . import _native as native
 
-__all__ = ["version", "trace_rays", "spot_diagram", "ray_fan", "evaluate_merit"]
+__all__ = ["version", "trace_rays", "spot_diagram", "ray_fan", "opd_fan", "quality",
+           "wavefront_map", "psf", "mtf", "evaluate_merit"]
 
 _SPOT_STATUS = {-1: "field index out of range", -2: "the chief ray failed",
                 -3: "no ray survived"}
@@ -79,20 +82,25 @@ def spot_diagram(lens, field_index, grid_size=6, hexapolar=True, weights=None, c
     return result[0], hits[:stored]
 
 
-def ray_fan(lens, field_index, point_count=40):
-    """Tangential and sagittal transverse ray fans of one field at every
-    wavelength, point_count + 1 samples of the pupil each: (tangential,
-    sagittal), FAN_POINT arrays of shape (wavelengths, point_count + 1),
-    values in mm from the primary chief ray."""
+def _fan_arrays(lens, field_index, point_count):
+    """Checked arguments and the two fan arrays and header of a fan call."""
     lens.check()
     field_index = _index(field_index, len(lens.fields), "field_index")
     point_count = int(point_count)
     if point_count < 1:
         raise native.NuvrixError("point_count must be at least 1")
     shape = (lens.wave_count, point_count + 1)
-    tangential = np.zeros(shape, dtype=native.FAN_POINT)
-    sagittal = np.zeros(shape, dtype=native.FAN_POINT)
-    header = np.zeros(1, dtype=native.FAN_HEADER)
+    return (field_index, point_count, np.zeros(shape, dtype=native.FAN_POINT),
+            np.zeros(shape, dtype=native.FAN_POINT), np.zeros(1, dtype=native.FAN_HEADER))
+
+
+def ray_fan(lens, field_index, point_count=40):
+    """Tangential and sagittal transverse ray fans of one field at every
+    wavelength, point_count + 1 samples of the pupil each: (tangential,
+    sagittal), FAN_POINT arrays of shape (wavelengths, point_count + 1),
+    values in mm from the primary chief ray."""
+    field_index, point_count, tangential, sagittal, header = _fan_arrays(lens, field_index,
+                                                                         point_count)
     status = native.library().nuvrix_compute_transverse_ray_fan(
         native.pointer(lens.surfaces), lens.surface_count, native.pointer(lens.indices),
         lens.wave_count, native.pointer(lens.config), native.pointer(lens.fields),
@@ -101,6 +109,136 @@ def ray_fan(lens, field_index, point_count=40):
     if status != 0:
         raise native.NuvrixError(_SPOT_STATUS.get(status, "the ray fan failed"), status)
     return tangential, sagittal
+
+
+_MAP_STATUS = {-1: "field index out of range", -2: "the primary chief ray failed",
+               -3: "the chief ray at this wavelength failed"}
+
+
+def quality(lens):
+    """The report's set-up of the diffraction analyses at the primary
+    wavelength: (reference sphere radius in mm, working F-number, cutoff
+    1 / (lambda F) in cycles/mm)."""
+    lens.check()
+    out = np.zeros(3)
+    error = ctypes.create_string_buffer(256)
+    ok = native.lensfile().nuvrix_lensfile_quality(
+        native.pointer(lens.surfaces), lens.surface_count, native.pointer(lens.indices),
+        native.pointer(lens.wavelengths_um), lens.wave_count, native.pointer(lens.config),
+        native.pointer(lens.fields), len(lens.fields), native.pointer(out), error, len(error))
+    if ok != 1:
+        raise native.NuvrixError("no diffraction set-up: " + error.value.decode(errors="replace"))
+    return float(out[0]), float(out[1]), float(out[2])
+
+
+def _primary(lens):
+    p = int(lens.config["primary_wavelength"][0])
+    return p if 0 <= p < lens.wave_count else 0
+
+
+def opd_fan(lens, field_index, point_count=40):
+    """OPD fans in waves against the report's reference sphere: (tangential,
+    sagittal), FAN_POINT arrays of shape (wavelengths, point_count + 1)."""
+    field_index, point_count, tangential, sagittal, header = _fan_arrays(lens, field_index,
+                                                                         point_count)
+    radius = quality(lens)[0]
+    status = native.library().nuvrix_compute_opd_fan(
+        native.pointer(lens.surfaces), lens.surface_count, native.pointer(lens.indices),
+        native.pointer(lens.wavelengths_um), lens.wave_count, native.pointer(lens.config),
+        native.pointer(lens.fields), len(lens.fields), field_index, point_count, radius,
+        native.pointer(tangential), native.pointer(sagittal), native.pointer(header))
+    if status != 0:
+        raise native.NuvrixError(_MAP_STATUS.get(status, "the OPD fan failed"), status)
+    return tangential, sagittal
+
+
+def _grid(grid_size):
+    grid_size = int(grid_size)
+    if grid_size < 2 or grid_size & (grid_size - 1):
+        raise native.NuvrixError("grid_size must be a power of two, at least 2")
+    return grid_size
+
+
+def wavefront_map(lens, field_index, grid_size=64, wave=None):
+    """The wavefront in waves over a grid of the pupil, NaN outside it or
+    where a ray failed, with its WAVEFRONT_RESULT (PV and RMS)."""
+    lens.check()
+    field_index = _index(field_index, len(lens.fields), "field_index")
+    grid_size = _grid(grid_size)
+    wave = _primary(lens) if wave is None else _index(wave, lens.wave_count, "wave")
+    radius = quality(lens)[0]
+    values = np.zeros((grid_size, grid_size))
+    mask = np.zeros((grid_size, grid_size), dtype=np.int32)
+    result = np.zeros(1, dtype=native.WAVEFRONT_RESULT)
+    row = np.ascontiguousarray(lens.indices[wave])
+    primary = np.ascontiguousarray(lens.indices[_primary(lens)])
+    status = native.library().nuvrix_compute_wavefront_map(
+        native.pointer(lens.surfaces), lens.surface_count, native.pointer(row),
+        native.pointer(primary), float(lens.wavelengths_um[wave]), native.pointer(lens.config),
+        native.pointer(lens.fields), len(lens.fields), field_index, grid_size, radius,
+        native.pointer(values), native.pointer(mask), native.pointer(result))
+    if status != 0:
+        raise native.NuvrixError(_MAP_STATUS.get(status, "the wavefront map failed"), status)
+    return np.where(mask == 1, values, np.nan), result[0]
+
+
+def _scratch(grid_size):
+    side = 2 * grid_size
+    return (np.zeros(grid_size * grid_size), np.zeros(grid_size * grid_size, dtype=np.int32),
+            np.zeros(side * side), np.zeros(side * side))
+
+
+def psf(lens, field_index, grid_size=64):
+    """The diffraction PSF at the primary wavelength, normalised to its
+    peak, an array of (2 grid_size)^2, with its PSF_RESULT (Strehl ratio,
+    pixel pitch in mm)."""
+    lens.check()
+    field_index = _index(field_index, len(lens.fields), "field_index")
+    grid_size = _grid(grid_size)
+    radius, f_number, _ = quality(lens)
+    wave = _primary(lens)
+    row = np.ascontiguousarray(lens.indices[wave])
+    values, mask, real, imag = _scratch(grid_size)
+    image = np.zeros((2 * grid_size, 2 * grid_size))
+    result = np.zeros(1, dtype=native.PSF_RESULT)
+    status = native.library().nuvrix_compute_fft_psf(
+        native.pointer(lens.surfaces), lens.surface_count, native.pointer(row),
+        native.pointer(row), float(lens.wavelengths_um[wave]), native.pointer(lens.config),
+        native.pointer(lens.fields), len(lens.fields), field_index, grid_size, radius, f_number,
+        native.pointer(values), native.pointer(mask), native.pointer(real), native.pointer(imag),
+        native.pointer(image), native.pointer(result))
+    if status != 0:
+        raise native.NuvrixError(_MAP_STATUS.get(status, "the PSF failed"), status)
+    return image, result[0]
+
+
+def mtf(lens, field_index, grid_size=64, points=51):
+    """The diffraction MTF at the primary wavelength from 0 to the cutoff
+    1 / (lambda F): (frequencies in cycles/mm, tangential, sagittal,
+    cutoff)."""
+    lens.check()
+    field_index = _index(field_index, len(lens.fields), "field_index")
+    grid_size = _grid(grid_size)
+    points = int(points)
+    if points < 2:
+        raise native.NuvrixError("points must be at least 2")
+    radius, _, cutoff = quality(lens)
+    wave = _primary(lens)
+    row = np.ascontiguousarray(lens.indices[wave])
+    values, mask, real, imag = _scratch(grid_size)
+    curve = np.zeros(points + 1, dtype=native.MTF_POINT)
+    result = np.zeros(1, dtype=native.MTF_RESULT)
+    status = native.library().nuvrix_compute_fft_mtf(
+        native.pointer(lens.surfaces), lens.surface_count, native.pointer(row),
+        native.pointer(row), float(lens.wavelengths_um[wave]), native.pointer(lens.config),
+        native.pointer(lens.fields), len(lens.fields), field_index, grid_size, radius, cutoff,
+        cutoff, cutoff / (points - 1), native.pointer(values), native.pointer(mask),
+        native.pointer(real), native.pointer(imag), native.pointer(curve), len(curve),
+        native.pointer(result))
+    if status != 0:
+        raise native.NuvrixError(_MAP_STATUS.get(status, "the MTF failed"), status)
+    curve = curve[:int(result["point_count"][0])]
+    return curve["frequency"], curve["tangential"], curve["sagittal"], cutoff
 
 
 def evaluate_merit(lens, operands=None):

@@ -13,7 +13,8 @@ import numpy as np  # noqa: E402
 
 from . import calls  # noqa: E402
 
-__all__ = ["spot_diagrams", "ray_fans", "write"]
+__all__ = ["spot_diagrams", "ray_fans", "opd_fans", "wavefront_maps", "psfs", "mtf_curves",
+           "write"]
 
 _COLOURS = ["tab:blue", "tab:green", "tab:red", "tab:purple", "tab:orange", "tab:brown"]
 
@@ -52,27 +53,106 @@ def spot_diagrams(lens, grid_size=8):
     return fig
 
 
-def ray_fans(lens, point_count=40):
-    """Tangential (ey against py) and sagittal (ex against px) transverse
-    ray fans in micrometres, a row a field, a colour a wavelength."""
+def _fans(lens, fan_of, ylabel, scale, title):
+    """Tangential and sagittal fans, a row a field, a colour a wavelength."""
     fields = len(lens.fields)
     fig, axes = plt.subplots(fields, 2, figsize=(8.0, 2.6 * fields + 0.6), squeeze=False)
     for f in range(fields):
-        fans = calls.ray_fan(lens, f, point_count)
-        for k, (fan, name) in enumerate(zip(fans, ["tangential: ey (um)", "sagittal: ex (um)"])):
+        for k, fan in enumerate(fan_of(f)):
             ax = axes[f][k]
             for w in range(lens.wave_count):
                 ok = fan["valid"][w] == 1
-                ax.plot(fan["pupil_coordinate"][w][ok], fan["value"][w][ok] * 1000.0,
+                ax.plot(fan["pupil_coordinate"][w][ok], fan["value"][w][ok] * scale,
                         color=_COLOURS[w % len(_COLOURS)], label=_wave_label(lens, w))
             ax.axhline(0.0, color="black", linewidth=0.6)
-            ax.set_title(f"{_field_label(lens, f)}, {name.split(':')[0]}", fontsize=9)
+            ax.set_title(f"{_field_label(lens, f)}, {'tangential' if k == 0 else 'sagittal'}",
+                         fontsize=9)
             ax.set_xlabel("py" if k == 0 else "px")
-            ax.set_ylabel(name.split(": ")[1])
+            ax.set_ylabel(ylabel[k])
             ax.set_xlim(-1.0, 1.0)
             ax.grid(alpha=0.3)
     axes[0][0].legend(fontsize=8)
-    fig.suptitle(f"Transverse ray fans: {lens.name}", fontsize=10)
+    fig.suptitle(f"{title}: {lens.name}", fontsize=10)
+    fig.tight_layout()
+    return fig
+
+
+def ray_fans(lens, point_count=40):
+    """Transverse ray fans in micrometres from the primary chief ray: ey
+    against py (tangential) and ex against px (sagittal)."""
+    return _fans(lens, lambda f: calls.ray_fan(lens, f, point_count), ["ey (um)", "ex (um)"],
+                 1000.0, "Transverse ray fans")
+
+
+def opd_fans(lens, point_count=40):
+    """Tangential and sagittal OPD fans in waves."""
+    return _fans(lens, lambda f: calls.opd_fan(lens, f, point_count),
+                 ["OPD (waves)", "OPD (waves)"], 1.0, "OPD fans")
+
+
+def wavefront_maps(lens, grid_size=64):
+    """The wavefront over the pupil at the primary wavelength, a panel a
+    field, in waves, with its peak-to-valley and RMS."""
+    fields = len(lens.fields)
+    fig, axes = plt.subplots(1, fields, figsize=(3.8 * fields + 0.6, 3.9), squeeze=False)
+    for f, ax in enumerate(axes[0]):
+        values, result = calls.wavefront_map(lens, f, grid_size)
+        image = ax.imshow(values, origin="lower", extent=(-1, 1, -1, 1), cmap="RdBu_r")
+        fig.colorbar(image, ax=ax, label="waves", shrink=0.85)
+        ax.set_title(f"{_field_label(lens, f)}\nPV {result['peak_to_valley']:.3f}, "
+                     f"RMS {result['rms']:.3f} waves", fontsize=9)
+        ax.set_xlabel("px")
+        ax.set_ylabel("py")
+    fig.suptitle(f"Wavefront maps at {_wave_label(lens, calls._primary(lens))}: {lens.name}",
+                 fontsize=10)
+    fig.tight_layout()
+    return fig
+
+
+def psfs(lens, grid_size=64):
+    """The diffraction PSF at the primary wavelength, a panel a field, on
+    image axes in micrometres, normalised to its peak, with its Strehl
+    ratio."""
+    fields = len(lens.fields)
+    fig, axes = plt.subplots(1, fields, figsize=(3.8 * fields + 0.6, 3.9), squeeze=False)
+    for f, ax in enumerate(axes[0]):
+        image, result = calls.psf(lens, f, grid_size)
+        half = image.shape[0] * result["pixel_pitch"] * 1000.0 / 2.0
+        shown = ax.imshow(image, origin="lower", extent=(-half, half, -half, half), cmap="inferno")
+        fig.colorbar(shown, ax=ax, label="relative intensity", shrink=0.85)
+        ax.set_xlim(-half / 4, half / 4)
+        ax.set_ylim(-half / 4, half / 4)
+        ax.set_title(f"{_field_label(lens, f)}\nStrehl {result['strehl']:.3f}", fontsize=9)
+        ax.set_xlabel("x (um)")
+        ax.set_ylabel("y (um)")
+    fig.suptitle(f"PSF at {_wave_label(lens, calls._primary(lens))}: {lens.name}", fontsize=10)
+    fig.tight_layout()
+    return fig
+
+
+def mtf_curves(lens, grid_size=64):
+    """The diffraction MTF at the primary wavelength against frequency,
+    tangential (solid) and sagittal (dashed), a colour a field, with the
+    diffraction limit of the same aperture."""
+    fig, ax = plt.subplots(figsize=(7.0, 4.6))
+    cutoff = 0.0
+    for f in range(len(lens.fields)):
+        nu, t, s, cutoff = calls.mtf(lens, f, grid_size)
+        colour = _COLOURS[f % len(_COLOURS)]
+        ax.plot(nu, t, color=colour, label=f"{_field_label(lens, f)} T")
+        ax.plot(nu, s, color=colour, linestyle="--", label=f"{_field_label(lens, f)} S")
+    nu = np.linspace(0.0, cutoff, 200)
+    phi = np.arccos(np.clip(nu / cutoff, 0.0, 1.0))
+    ax.plot(nu, 2.0 / np.pi * (phi - np.cos(phi) * np.sin(phi)), color="black", linewidth=1.0,
+            label="diffraction limit")
+    ax.set_xlim(0.0, cutoff)
+    ax.set_ylim(0.0, 1.02)
+    ax.set_xlabel("spatial frequency (cycles/mm)")
+    ax.set_ylabel("MTF")
+    ax.grid(alpha=0.3)
+    ax.legend(fontsize=8)
+    ax.set_title(f"Diffraction MTF at {_wave_label(lens, calls._primary(lens))}: {lens.name}",
+                 fontsize=10)
     fig.tight_layout()
     return fig
 
@@ -82,7 +162,8 @@ def write(lens, out):
     out = pathlib.Path(out)
     out.mkdir(parents=True, exist_ok=True)
     paths = []
-    for name, draw in [("spots", spot_diagrams), ("ray_fans", ray_fans)]:
+    for name, draw in [("spots", spot_diagrams), ("ray_fans", ray_fans), ("opd_fans", opd_fans),
+                       ("wavefront", wavefront_maps), ("psf", psfs), ("mtf", mtf_curves)]:
         fig = draw(lens)
         path = out / f"{name}.png"
         fig.savefig(path, dpi=110)

@@ -140,7 +140,26 @@ def test_every_plot_is_written(tmp_path):
     from nuvrix import __main__ as cli
     assert cli.main(["plots", "--out", str(tmp_path)]) == 0
     written = sorted(p.name for p in tmp_path.iterdir())
-    assert written == ["ray_fans.png", "spots.png"]
+    assert written == ["mtf.png", "opd_fans.png", "psf.png", "ray_fans.png", "spots.png",
+                       "wavefront.png"]
     for p in tmp_path.iterdir():
         assert p.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n" and p.stat().st_size > 20000
     assert cli.main(["plots", str(tmp_path / "missing.json"), "--out", str(tmp_path)]) == 2
+
+
+def test_diffraction_results_keep_their_closed_forms():
+    lens = nuvrix.Lens.cooke_triplet()
+    radius, f_number, cutoff = nuvrix.quality(lens)
+    assert cutoff == pytest.approx(1.0 / (lens.wavelengths_um[1] * 1e-3 * f_number), rel=1e-12)
+    nu, t, s, _ = nuvrix.mtf(lens, 1)
+    # The transfer is 1 at zero frequency and nothing at the cutoff.
+    assert t[0] == pytest.approx(1.0, abs=1e-12) and s[0] == pytest.approx(1.0, abs=1e-12)
+    assert nu[-1] == pytest.approx(cutoff, rel=1e-12) and abs(t[-1]) < 1e-3
+    values, result = nuvrix.wavefront_map(lens, 2)
+    assert result["rms"] == pytest.approx(np.nanstd(values), rel=1e-9)
+    assert result["peak_to_valley"] == pytest.approx(np.nanmax(values) - np.nanmin(values),
+                                                     rel=1e-12)
+    image, psf = nuvrix.psf(lens, 0)
+    assert image.max() == pytest.approx(1.0, rel=1e-12) and 0.0 < psf["strehl"] < 1.0
+    tangential, sagittal = nuvrix.opd_fan(lens, 0, 20)
+    assert np.allclose(tangential["value"], sagittal["value"], rtol=0, atol=1e-9)
