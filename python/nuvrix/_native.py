@@ -13,7 +13,8 @@ import numpy as np
 
 __all__ = ["NuvrixError", "load", "library", "lensfile", "SURFACE", "CONFIG", "FIELD", "OPERAND",
            "VARIABLE", "RESULT", "PICKUP", "BATCHED", "RAY_RESULT", "SPOT_RESULT", "SPOT_HIT", "FAN_POINT",
-           "FAN_HEADER", "WAVEFRONT_RESULT", "PSF_RESULT", "MTF_POINT", "MTF_RESULT"]
+           "FAN_HEADER", "WAVEFRONT_RESULT", "PSF_RESULT", "MTF_POINT", "MTF_RESULT",
+           "FIELD_CURVE_POINT", "EE_POINT", "EE_HEADER"]
 
 
 class NuvrixError(Exception):
@@ -80,6 +81,12 @@ PSF_RESULT = _dtype([("grid_size", "i4"), ("peak", "f8"), ("strehl", "f8"), ("pi
 MTF_POINT = _dtype([("frequency", "f8"), ("tangential", "f8"), ("sagittal", "f8")])
 MTF_RESULT = _dtype([("field_index", "i4"), ("wavelength_index", "i4"), ("point_count", "i4"),
                     ("max_frequency", "f8")])
+FIELD_CURVE_POINT = _dtype([("field", "f8"), ("tangential_focus", "f8"), ("sagittal_focus", "f8"),
+                           ("distortion_percent", "f8"), ("real_height", "f8"),
+                           ("paraxial_height", "f8")])
+EE_POINT = _dtype([("radius", "f8"), ("energy", "f8")])
+EE_HEADER = _dtype([("point_count", "i4"), ("field_index", "i4"), ("wavelength_index", "i4"),
+                    ("center_x", "f8"), ("center_y", "f8")])
 SPOT_HIT = _dtype([("x", "f8"), ("y", "f8"), ("wavelength_index", "i4"), ("valid", "i4")])
 
 # The sizes that the engine reports, in the order of its layout report.
@@ -105,6 +112,9 @@ _PROTOTYPES = [
      [_P, _I, _P, _P, _D, _P, _P, _I, _I, _I, _D, _D, _P, _P, _P, _P, _P, _P]),
     ("nuvrix_compute_fft_mtf", _I,
      [_P, _I, _P, _P, _D, _P, _P, _I, _I, _I, _D, _D, _D, _D, _P, _P, _P, _P, _P, _I, _P]),
+    ("nuvrix_compute_field_curvature_distortion", _I, [_P, _I, _P, _P, _P, _I, _I, _D, _P, _P]),
+    ("nuvrix_compute_diffraction_encircled_energy", _I, [_P, _I, _D, _D, _I, _P, _P]),
+    ("nuvrix_compute_geometric_encircled_energy", _I, [_P, _I, _D, _D, _D, _I, _P, _P]),
     ("nuvrix_evaluate_merit", _I, [_P, _I, _P, _P, _I, _P, _P, _I, _P, _I, _P, _P, _P, _P]),
     ("nuvrix_calculate_efl", _D, [_P, _I, _P]),
 ]

@@ -9,7 +9,8 @@ import numpy as np
 from . import _native as native
 
 __all__ = ["version", "trace_rays", "spot_diagram", "ray_fan", "opd_fan", "quality",
-           "wavefront_map", "psf", "mtf", "evaluate_merit"]
+           "wavefront_map", "psf", "mtf", "field_curves", "encircled_energy",
+           "evaluate_merit"]
 
 _SPOT_STATUS = {-1: "field index out of range", -2: "the chief ray failed",
                 -3: "no ray survived"}
@@ -239,6 +240,52 @@ def mtf(lens, field_index, grid_size=64, points=51):
         raise native.NuvrixError(_MAP_STATUS.get(status, "the MTF failed"), status)
     curve = curve[:int(result["point_count"][0])]
     return curve["frequency"], curve["tangential"], curve["sagittal"], cutoff
+
+
+def field_curves(lens, point_count=20, wave=None):
+    """Field curvature and distortion from the axis to the largest field,
+    point_count + 1 samples on one index row (the primary by default): a
+    FIELD_CURVE_POINT array (foci along the chief ray in mm from the image
+    surface, distortion in percent)."""
+    lens.check()
+    point_count = int(point_count)
+    if point_count < 1:
+        raise native.NuvrixError("point_count must be at least 1")
+    wave = _primary(lens) if wave is None else _index(wave, lens.wave_count, "wave")
+    largest = float(np.abs(lens.fields["field_y"]).max())
+    if not largest > 0.0:
+        raise native.NuvrixError("field curves need a field off the axis")
+    points = np.zeros(point_count + 1, dtype=native.FIELD_CURVE_POINT)
+    written = np.zeros(1, dtype=np.int32)
+    row = np.ascontiguousarray(lens.indices[wave])
+    native.library().nuvrix_compute_field_curvature_distortion(
+        native.pointer(lens.surfaces), lens.surface_count, native.pointer(row),
+        native.pointer(lens.config), native.pointer(lens.fields), len(lens.fields), point_count,
+        largest, native.pointer(points), native.pointer(written))
+    return points[:int(written[0])]
+
+
+def encircled_energy(lens, field_index, max_radius_um=30.0, point_count=60, grid_size=64):
+    """Encircled energy of one field against the radius in micrometres:
+    (radii, diffraction energy from the PSF at the primary wavelength,
+    geometric energy of the spot's hits over every wavelength)."""
+    point_count = int(point_count)
+    if point_count < 1 or not max_radius_um > 0.0:
+        raise native.NuvrixError("encircled energy needs a positive radius and point_count")
+    image, psf_result = psf(lens, field_index, grid_size)
+    spot, hits = spot_diagram(lens, field_index, grid_size=12)
+    lib = native.library()
+    diffraction = np.zeros(point_count + 1, dtype=native.EE_POINT)
+    geometric = np.zeros(point_count + 1, dtype=native.EE_POINT)
+    header = np.zeros(1, dtype=native.EE_HEADER)
+    lib.nuvrix_compute_diffraction_encircled_energy(
+        native.pointer(np.ascontiguousarray(image)), image.shape[0],
+        float(psf_result["pixel_pitch"]), float(max_radius_um), point_count,
+        native.pointer(diffraction), native.pointer(header))
+    lib.nuvrix_compute_geometric_encircled_energy(
+        native.pointer(hits), len(hits), float(np.mean(hits["x"])), float(np.mean(hits["y"])),
+        float(max_radius_um), point_count, native.pointer(geometric), native.pointer(header))
+    return diffraction["radius"], diffraction["energy"], geometric["energy"]
 
 
 def evaluate_merit(lens, operands=None):

@@ -14,7 +14,7 @@ import numpy as np  # noqa: E402
 from . import calls  # noqa: E402
 
 __all__ = ["spot_diagrams", "ray_fans", "opd_fans", "wavefront_maps", "psfs", "mtf_curves",
-           "write"]
+           "field_curvature_distortion", "encircled_energies", "write"]
 
 _COLOURS = ["tab:blue", "tab:green", "tab:red", "tab:purple", "tab:orange", "tab:brown"]
 
@@ -157,13 +157,65 @@ def mtf_curves(lens, grid_size=64):
     return fig
 
 
+def field_curvature_distortion(lens):
+    """Tangential and sagittal foci against the field (field curvature and
+    astigmatism), and distortion in percent, at the primary wavelength."""
+    points = calls.field_curves(lens)
+    unit = "deg" if int(lens.config["field_type"][0]) == 0 else "mm"
+    fig, (left, right) = plt.subplots(1, 2, figsize=(8.0, 4.4))
+    left.plot(points["tangential_focus"], points["field"], color="tab:blue", label="tangential")
+    left.plot(points["sagittal_focus"], points["field"], color="tab:red", linestyle="--",
+              label="sagittal")
+    left.axvline(0.0, color="black", linewidth=0.6)
+    left.set_xlabel("focus from the image surface (mm)")
+    left.set_ylabel(f"field ({unit})")
+    left.set_title("field curvature", fontsize=9)
+    left.legend(fontsize=8)
+    off_axis = points["field"] > 0.0  # on the axis distortion has no height to refer to
+    right.plot(points["distortion_percent"][off_axis], points["field"][off_axis], color="tab:green")
+    right.axvline(0.0, color="black", linewidth=0.6)
+    right.set_xlabel("distortion (%)")
+    right.set_ylabel(f"field ({unit})")
+    right.set_title("distortion", fontsize=9)
+    for ax in (left, right):
+        ax.set_ylim(0.0, points["field"].max())
+        ax.grid(alpha=0.3)
+    fig.suptitle(f"Field curvature and distortion at "
+                 f"{_wave_label(lens, calls._primary(lens))}: {lens.name}", fontsize=10)
+    fig.tight_layout()
+    return fig
+
+
+def encircled_energies(lens):
+    """Encircled energy against the radius, a colour a field: from the
+    diffraction PSF (solid) and from the geometric spot (dashed)."""
+    fig, ax = plt.subplots(figsize=(7.0, 4.6))
+    for f in range(len(lens.fields)):
+        radius, diffraction, geometric = calls.encircled_energy(lens, f)
+        colour = _COLOURS[f % len(_COLOURS)]
+        ax.plot(radius, diffraction, color=colour, label=f"{_field_label(lens, f)} diffraction")
+        ax.plot(radius, geometric, color=colour, linestyle="--",
+                label=f"{_field_label(lens, f)} geometric")
+    ax.set_xlim(0.0, radius[-1])
+    ax.set_ylim(0.0, 1.02)
+    ax.set_xlabel("radius (um)")
+    ax.set_ylabel("encircled energy")
+    ax.grid(alpha=0.3)
+    ax.legend(fontsize=8)
+    ax.set_title(f"Encircled energy: {lens.name}", fontsize=10)
+    fig.tight_layout()
+    return fig
+
+
 def write(lens, out):
     """Writes every figure of the set as a PNG under out; returns the paths."""
     out = pathlib.Path(out)
     out.mkdir(parents=True, exist_ok=True)
     paths = []
     for name, draw in [("spots", spot_diagrams), ("ray_fans", ray_fans), ("opd_fans", opd_fans),
-                       ("wavefront", wavefront_maps), ("psf", psfs), ("mtf", mtf_curves)]:
+                       ("wavefront", wavefront_maps), ("psf", psfs), ("mtf", mtf_curves),
+                       ("field_curves", field_curvature_distortion),
+                       ("encircled_energy", encircled_energies)]:
         fig = draw(lens)
         path = out / f"{name}.png"
         fig.savefig(path, dpi=110)

@@ -140,8 +140,8 @@ def test_every_plot_is_written(tmp_path):
     from nuvrix import __main__ as cli
     assert cli.main(["plots", "--out", str(tmp_path)]) == 0
     written = sorted(p.name for p in tmp_path.iterdir())
-    assert written == ["mtf.png", "opd_fans.png", "psf.png", "ray_fans.png", "spots.png",
-                       "wavefront.png"]
+    assert written == ["encircled_energy.png", "field_curves.png", "mtf.png", "opd_fans.png",
+                       "psf.png", "ray_fans.png", "spots.png", "wavefront.png"]
     for p in tmp_path.iterdir():
         assert p.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n" and p.stat().st_size > 20000
     assert cli.main(["plots", str(tmp_path / "missing.json"), "--out", str(tmp_path)]) == 2
@@ -163,3 +163,17 @@ def test_diffraction_results_keep_their_closed_forms():
     assert image.max() == pytest.approx(1.0, rel=1e-12) and 0.0 < psf["strehl"] < 1.0
     tangential, sagittal = nuvrix.opd_fan(lens, 0, 20)
     assert np.allclose(tangential["value"], sagittal["value"], rtol=0, atol=1e-9)
+
+
+def test_field_curves_and_encircled_energy_keep_their_definitions():
+    lens = nuvrix.Lens.cooke_triplet()
+    points = nuvrix.field_curves(lens, 10)
+    assert len(points) == 11 and points["field"][-1] == pytest.approx(20.0)
+    off = points[1:]
+    assert np.allclose(off["distortion_percent"],
+                       100.0 * (off["real_height"] - off["paraxial_height"]) / off["paraxial_height"],
+                       rtol=1e-9, atol=1e-12)
+    radius, diffraction, geometric = nuvrix.encircled_energy(lens, 1, max_radius_um=200.0)
+    for energy in (diffraction, geometric):
+        assert np.all(np.diff(energy) >= -1e-12) and energy[0] <= 0.05
+        assert 0.95 < energy[-1] <= 1.0 + 1e-12
