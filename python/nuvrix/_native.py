@@ -14,7 +14,7 @@ import numpy as np
 __all__ = ["NuvrixError", "load", "library", "lensfile", "SURFACE", "CONFIG", "FIELD", "OPERAND",
            "VARIABLE", "RESULT", "PICKUP", "BATCHED", "RAY_RESULT", "SPOT_RESULT", "SPOT_HIT", "FAN_POINT",
            "FAN_HEADER", "WAVEFRONT_RESULT", "PSF_RESULT", "MTF_POINT", "MTF_RESULT",
-           "FIELD_CURVE_POINT", "EE_POINT", "EE_HEADER"]
+           "FIELD_CURVE_POINT", "EE_POINT", "EE_HEADER", "RAY_STATE"]
 
 
 class NuvrixError(Exception):
@@ -87,6 +87,9 @@ FIELD_CURVE_POINT = _dtype([("field", "f8"), ("tangential_focus", "f8"), ("sagit
 EE_POINT = _dtype([("radius", "f8"), ("energy", "f8")])
 EE_HEADER = _dtype([("point_count", "i4"), ("field_index", "i4"), ("wavelength_index", "i4"),
                     ("center_x", "f8"), ("center_y", "f8")])
+RAY_STATE = _dtype([("x", "f8"), ("y", "f8"), ("z", "f8"), ("l", "f8"), ("m", "f8"), ("n", "f8"),
+                    ("nx", "f8"), ("ny", "f8"), ("nz", "f8"), ("sag_path", "f8"),
+                    ("status", "i4")])
 SPOT_HIT = _dtype([("x", "f8"), ("y", "f8"), ("wavelength_index", "i4"), ("valid", "i4")])
 
 # The sizes that the engine reports, in the order of its layout report.
@@ -115,6 +118,9 @@ _PROTOTYPES = [
     ("nuvrix_compute_field_curvature_distortion", _I, [_P, _I, _P, _P, _P, _I, _I, _D, _P, _P]),
     ("nuvrix_compute_diffraction_encircled_energy", _I, [_P, _I, _D, _D, _I, _P, _P]),
     ("nuvrix_compute_geometric_encircled_energy", _I, [_P, _I, _D, _D, _D, _I, _P, _P]),
+    ("nuvrix_entrance_pupil_position", _D, [_P, _I, _P, _I]),
+    ("nuvrix_compute_pupil_radius", _D, [_P, _I, _P, _P]),
+    ("nuvrix_solve_semi_diameters", None, [_P, _I, _P, _P, _I, _P, _P, _I]),
     ("nuvrix_evaluate_merit", _I, [_P, _I, _P, _P, _I, _P, _P, _I, _P, _I, _P, _P, _P, _P]),
     ("nuvrix_calculate_efl", _D, [_P, _I, _P]),
 ]
@@ -160,6 +166,8 @@ def load(path=None):
         fn.restype = result
         fn.argtypes = args
     lib.nuvrix_trace_ray.restype = RayTraceResult
+    lib.nuvrix_trace_ray_full.restype = RayTraceResult
+    lib.nuvrix_trace_ray_full.argtypes = [_P, _I, _P, _P, _I, _I, _D, _D, _D, _D, _D, _D]
     if ctypes.sizeof(RayTraceResult) != RAY_RESULT.itemsize:
         raise NuvrixError("RayTraceResult differs between ctypes and NumPy")
     report = np.zeros(12, dtype=np.int32)

@@ -10,7 +10,7 @@ from . import _native as native
 
 __all__ = ["version", "trace_rays", "spot_diagram", "ray_fan", "opd_fan", "quality",
            "wavefront_map", "psf", "mtf", "field_curves", "encircled_energy",
-           "evaluate_merit"]
+           "layout_rays", "evaluate_merit"]
 
 _SPOT_STATUS = {-1: "field index out of range", -2: "the chief ray failed",
                 -3: "no ray survived"}
@@ -286,6 +286,58 @@ def encircled_energy(lens, field_index, max_radius_um=30.0, point_count=60, grid
         native.pointer(hits), len(hits), float(np.mean(hits["x"])), float(np.mean(hits["y"])),
         float(max_radius_um), point_count, native.pointer(geometric), native.pointer(header))
     return diffraction["radius"], diffraction["energy"], geometric["energy"]
+
+
+def layout_rays(lens, field_index, pupil=(-1.0, -0.5, 0.0, 0.5, 1.0), lead=None):
+    """Unaimed meridional rays of one field through the paraxial entrance
+    pupil at the primary wavelength, for drawing the lens in section: for
+    each pupil coordinate an array (surfaces, 2) of (z, y) in mm in the
+    frame of surface 1 (NaN beyond where the ray ended), and the surfaces
+    with their semi-diameters solved.  An object at infinity is drawn from
+    `lead` mm (a third of the length, by default) in front of surface 1."""
+    lens.check()
+    field_index = _index(field_index, len(lens.fields), "field_index")
+    lib = native.library()
+    wave = _primary(lens)
+    row = np.ascontiguousarray(lens.indices[wave])
+    surfaces = lens.surfaces.copy()
+    lib.nuvrix_solve_semi_diameters(
+        native.pointer(surfaces), lens.surface_count, native.pointer(lens.indices),
+        native.pointer(lens.wavelengths_um), lens.wave_count, native.pointer(lens.config),
+        native.pointer(lens.fields), len(lens.fields))
+    n = lens.surface_count
+    stop = int(lens.config["stop_surface"][0])
+    ep = lib.nuvrix_entrance_pupil_position(native.pointer(surfaces), n, native.pointer(row), stop)
+    radius = lib.nuvrix_compute_pupil_radius(native.pointer(surfaces), n, native.pointer(row),
+                                             native.pointer(lens.config))
+    vertex = np.concatenate([[0.0], np.cumsum(surfaces["thickness"][1:n - 1])])  # surfaces 1..
+    t0 = float(surfaces["thickness"][0])
+    infinite = not abs(t0) < 1e10
+    distance = (lead if lead is not None else max(vertex[-1], 1.0) / 3.0) if infinite else t0
+    traced = surfaces.copy()
+    traced["thickness"][0] = distance
+    field = float(lens.fields["field_y"][field_index])
+    paths = []
+    for p in pupil:
+        target = p * radius  # height in the entrance pupil, ep behind surface 1
+        if infinite or int(lens.config["field_type"][0]) == 0:
+            angle = np.radians(field)
+            y0 = target - (distance + ep) * np.tan(angle)
+        else:
+            y0 = -field if field else 0.0
+            angle = np.arctan2(target - y0, distance + ep)
+        states = np.zeros(256, dtype=native.RAY_STATE)
+        result = lib.nuvrix_trace_ray_full(
+            native.pointer(traced), n, native.pointer(row), native.pointer(states), 1, n - 1, 0.0,
+            float(y0), 0.0, float(np.sin(angle)), float(np.cos(angle)),
+            float(lens.wavelengths_um[wave] * 1000.0))
+        path = np.full((n, 2), np.nan)
+        path[0] = (-distance, y0)
+        reached = min(int(result.states_written), n)
+        for k in range(1, reached):
+            path[k] = (vertex[k - 1] + states["z"][k], states["y"][k])
+        paths.append(path)
+    return paths, surfaces
 
 
 def evaluate_merit(lens, operands=None):

@@ -13,7 +13,7 @@ import numpy as np  # noqa: E402
 
 from . import calls  # noqa: E402
 
-__all__ = ["spot_diagrams", "ray_fans", "opd_fans", "wavefront_maps", "psfs", "mtf_curves",
+__all__ = ["layout", "spot_diagrams", "ray_fans", "opd_fans", "wavefront_maps", "psfs", "mtf_curves",
            "field_curvature_distortion", "encircled_energies", "write"]
 
 _COLOURS = ["tab:blue", "tab:green", "tab:red", "tab:purple", "tab:orange", "tab:brown"]
@@ -26,6 +26,58 @@ def _field_label(lens, f):
 
 def _wave_label(lens, w):
     return f"{lens.wavelengths_um[w] * 1000:.1f} nm"
+
+
+def _sag(surface, y):
+    """The sag of a surface at heights y, for drawing it: the conic and the
+    polynomial terms of an even asphere."""
+    c, k = surface["curvature"], surface["conic"]
+    r2 = y * y
+    radicand = np.clip(1.0 - (1.0 + k) * c * c * r2, 0.0, None)
+    sag = c * r2 / (1.0 + np.sqrt(radicand))
+    if int(surface["type"]) == 1:
+        power = r2.copy()
+        for a in surface["coefficients"]:
+            sag = sag + a * power
+            power = power * r2
+    return sag
+
+
+def layout(lens):
+    """The lens in section (y against z from surface 1, in mm): every
+    surface up to its solved semi-diameter, the elements' edges, and five
+    meridional rays of each field, a colour a field."""
+    fig, ax = plt.subplots(figsize=(9.0, 4.6))
+    surfaces = None
+    for f in range(len(lens.fields)):
+        paths, surfaces = calls.layout_rays(lens, f)
+        for k, path in enumerate(paths):
+            ax.plot(path[:, 0], path[:, 1], color=_COLOURS[f % len(_COLOURS)], linewidth=0.8,
+                    label=_field_label(lens, f) if k == 0 else None)
+    n = lens.surface_count
+    vertex = np.concatenate([[0.0], np.cumsum(surfaces["thickness"][1:n - 1])])
+    edges = []
+    for k in range(1, n):
+        h = max(float(surfaces["semi_diameter"][k]), 1e-3)
+        y = np.linspace(-h, h, 81)
+        z = vertex[k - 1] + _sag(surfaces[k], y)
+        ax.plot(z, y, color="black", linewidth=1.2 if k < n - 1 else 0.8)
+        edges.append((z[0], z[-1], h))
+    # A glass behind surface k: its two rims joined at top and bottom.
+    for k in range(1, n - 1):
+        if not surfaces["is_glass"][k]:
+            continue
+        (front_low, front_high, h0), (back_low, back_high, h1) = edges[k - 1], edges[k]
+        ax.plot([front_high, back_high], [h0, h1], color="black", linewidth=1.2)
+        ax.plot([front_low, back_low], [-h0, -h1], color="black", linewidth=1.2)
+    ax.set_aspect("equal", adjustable="datalim")
+    ax.set_xlabel("z from surface 1 (mm)")
+    ax.set_ylabel("y (mm)")
+    ax.grid(alpha=0.3)
+    ax.legend(fontsize=8, loc="lower left")
+    ax.set_title(f"Layout: {lens.name}", fontsize=10)
+    fig.tight_layout()
+    return fig
 
 
 def spot_diagrams(lens, grid_size=8):
@@ -212,7 +264,7 @@ def write(lens, out):
     out = pathlib.Path(out)
     out.mkdir(parents=True, exist_ok=True)
     paths = []
-    for name, draw in [("spots", spot_diagrams), ("ray_fans", ray_fans), ("opd_fans", opd_fans),
+    for name, draw in [("layout", layout), ("spots", spot_diagrams), ("ray_fans", ray_fans), ("opd_fans", opd_fans),
                        ("wavefront", wavefront_maps), ("psf", psfs), ("mtf", mtf_curves),
                        ("field_curves", field_curvature_distortion),
                        ("encircled_energy", encircled_energies)]:

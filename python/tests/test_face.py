@@ -140,8 +140,8 @@ def test_every_plot_is_written(tmp_path):
     from nuvrix import __main__ as cli
     assert cli.main(["plots", "--out", str(tmp_path)]) == 0
     written = sorted(p.name for p in tmp_path.iterdir())
-    assert written == ["encircled_energy.png", "field_curves.png", "mtf.png", "opd_fans.png",
-                       "psf.png", "ray_fans.png", "spots.png", "wavefront.png"]
+    assert written == ["encircled_energy.png", "field_curves.png", "layout.png", "mtf.png",
+                       "opd_fans.png", "psf.png", "ray_fans.png", "spots.png", "wavefront.png"]
     for p in tmp_path.iterdir():
         assert p.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n" and p.stat().st_size > 20000
     assert cli.main(["plots", str(tmp_path / "missing.json"), "--out", str(tmp_path)]) == 2
@@ -177,3 +177,17 @@ def test_field_curves_and_encircled_energy_keep_their_definitions():
     for energy in (diffraction, geometric):
         assert np.all(np.diff(energy) >= -1e-12) and energy[0] <= 0.05
         assert 0.95 < energy[-1] <= 1.0 + 1e-12
+
+
+def test_layout_rays_meet_at_the_image():
+    lens = nuvrix.Lens.cooke_triplet()
+    axial, surfaces = nuvrix.layout_rays(lens, 0)
+    assert all(np.isfinite(path).all() for path in axial)
+    # The axial bundle comes to a focus on the image surface, its marginal
+    # rays entering at the pupil's rim.
+    assert max(abs(path[-1, 1]) for path in axial) < 0.05
+    assert axial[0][0, 1] == pytest.approx(-5.0) and axial[-1][0, 1] == pytest.approx(5.0)
+    off, _ = nuvrix.layout_rays(lens, 2)
+    heights = [path[-1, 1] for path in off]
+    assert max(heights) - min(heights) < 0.2 and np.mean(heights) == pytest.approx(18.2, abs=0.2)
+    assert (surfaces["semi_diameter"][1:] > 0).all()
