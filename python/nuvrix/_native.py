@@ -14,7 +14,8 @@ import numpy as np
 __all__ = ["NuvrixError", "load", "library", "lensfile", "SURFACE", "CONFIG", "FIELD", "OPERAND",
            "VARIABLE", "RESULT", "PICKUP", "BATCHED", "RAY_RESULT", "SPOT_RESULT", "SPOT_HIT", "FAN_POINT",
            "FAN_HEADER", "WAVEFRONT_RESULT", "PSF_RESULT", "MTF_POINT", "MTF_RESULT",
-           "FIELD_CURVE_POINT", "EE_POINT", "EE_HEADER", "RAY_STATE"]
+           "FIELD_CURVE_POINT", "EE_POINT", "EE_HEADER", "RAY_STATE",
+           "FIRST_ORDER", "SEIDEL_SURFACE", "SEIDEL_RESULT"]
 
 
 class NuvrixError(Exception):
@@ -90,6 +91,14 @@ EE_HEADER = _dtype([("point_count", "i4"), ("field_index", "i4"), ("wavelength_i
 RAY_STATE = _dtype([("x", "f8"), ("y", "f8"), ("z", "f8"), ("l", "f8"), ("m", "f8"), ("n", "f8"),
                     ("nx", "f8"), ("ny", "f8"), ("nz", "f8"), ("sag_path", "f8"),
                     ("status", "i4")])
+FIRST_ORDER = _dtype([("efl", "f8"), ("bfl", "f8"), ("reserved", "f8"),
+                      ("entrance_pupil_position", "f8"), ("exit_pupil_position", "f8"),
+                      ("entrance_pupil_diameter", "f8"), ("exit_pupil_diameter", "f8"),
+                      ("total_length", "f8"), ("image_distance", "f8")])
+SEIDEL_SURFACE = _dtype([("surface", "i4"), ("s1", "f8"), ("s2", "f8"), ("s3", "f8"), ("s4", "f8"),
+                         ("s5", "f8"), ("c1", "f8"), ("c2", "f8")])
+SEIDEL_RESULT = _dtype([("count", "i4"), ("s1", "f8"), ("s2", "f8"), ("s3", "f8"), ("s4", "f8"),
+                        ("s5", "f8"), ("c1", "f8"), ("c2", "f8")])
 SPOT_HIT = _dtype([("x", "f8"), ("y", "f8"), ("wavelength_index", "i4"), ("valid", "i4")])
 
 # The sizes that the engine reports, in the order of its layout report.
@@ -99,6 +108,15 @@ _P = ctypes.c_void_p
 _I = ctypes.c_int32
 _D = ctypes.c_double
 _L = ctypes.c_long
+
+
+class BatchedConfig(ctypes.Structure):
+    """MeritBatchedConfig, passed by value."""
+    _fields_ = [("use_gpu", ctypes.c_int32), ("jacobian_mode", ctypes.c_int32),
+                ("thread_count", ctypes.c_int32), ("want_jacobian", ctypes.c_int32),
+                ("reserved", ctypes.c_int32 * 4)]
+
+
 
 # The prototypes the package calls: name, result, arguments.
 _PROTOTYPES = [
@@ -121,10 +139,23 @@ _PROTOTYPES = [
     ("nuvrix_entrance_pupil_position", _D, [_P, _I, _P, _I]),
     ("nuvrix_compute_pupil_radius", _D, [_P, _I, _P, _P]),
     ("nuvrix_solve_semi_diameters", None, [_P, _I, _P, _P, _I, _P, _P, _I]),
+    ("nuvrix_compute_seidel", _I, [_P, _I, _P, _P, _P, _P, _P, _I, _P, _I, _P]),
+    ("nuvrix_evaluate_merit_and_jacobian", _I, [_P, _I, _P, _P, _I, _P, _P, _I, _P, _I, _P, _I,
+                                                _P, _I, _I, _I, _I, _P, _P, _P, _P, _P, _P, _P,
+                                                _P, _P, _P, _P, _P, _P, _P]),
+    ("nuvrix_batched_scratch_size", _L, [_I, _I, _I, _I, _I, _I, _I]),
+    ("nuvrix_evaluate_merit_batched", _I, [_P, _I, _P, _P, _I, _P, _P, _I, _P, _I, _P, _I, _P, _I,
+                                           _I, _P, _P, _P, _P, _P, _P, BatchedConfig, _P,
+                                           _L, _P, _P, _P, _P, _P]),
     ("nuvrix_evaluate_merit", _I, [_P, _I, _P, _P, _I, _P, _P, _I, _P, _I, _P, _P, _P, _P]),
     ("nuvrix_calculate_efl", _D, [_P, _I, _P]),
 ]
 
+
+
+class ParaxialSolveResult(ctypes.Structure):
+    """ParaxialSolveResult as nuvrix_paraxial_solve returns it by value."""
+    _fields_ = [(name, ctypes.c_double) for name in FIRST_ORDER.names]
 
 
 class RayTraceResult(ctypes.Structure):
@@ -166,6 +197,10 @@ def load(path=None):
         fn.restype = result
         fn.argtypes = args
     lib.nuvrix_trace_ray.restype = RayTraceResult
+    if ctypes.sizeof(BatchedConfig) != BATCHED.itemsize:
+        raise NuvrixError("MeritBatchedConfig differs between ctypes and NumPy")
+    lib.nuvrix_paraxial_solve.restype = ParaxialSolveResult
+    lib.nuvrix_paraxial_solve.argtypes = [_P, _I, _P, _P, _P, _I, _P, _P]
     lib.nuvrix_trace_ray_full.restype = RayTraceResult
     lib.nuvrix_trace_ray_full.argtypes = [_P, _I, _P, _P, _I, _I, _D, _D, _D, _D, _D, _D]
     if ctypes.sizeof(RayTraceResult) != RAY_RESULT.itemsize:

@@ -10,7 +10,8 @@ from . import _native as native
 
 __all__ = ["version", "trace_rays", "spot_diagram", "ray_fan", "opd_fan", "quality",
            "wavefront_map", "psf", "mtf", "field_curves", "encircled_energy",
-           "layout_rays", "evaluate_merit"]
+           "layout_rays", "first_order", "seidel", "evaluate_merit", "merit_jacobian",
+           "evaluate_batched"]
 
 _SPOT_STATUS = {-1: "field index out of range", -2: "the chief ray failed",
                 -3: "no ray survived"}
@@ -338,6 +339,120 @@ def layout_rays(lens, field_index, pupil=(-1.0, -0.5, 0.0, 0.5, 1.0), lead=None)
             path[k] = (vertex[k - 1] + states["z"][k], states["y"][k])
         paths.append(path)
     return paths, surfaces
+
+
+def first_order(lens, wave=None):
+    """The paraxial solve on one index row (the primary by default): a
+    FIRST_ORDER record (EFL, BFL, pupils, length)."""
+    lens.check()
+    wave = _primary(lens) if wave is None else _index(wave, lens.wave_count, "wave")
+    row = np.ascontiguousarray(lens.indices[wave])
+    r = native.library().nuvrix_paraxial_solve(
+        native.pointer(lens.surfaces), lens.surface_count, native.pointer(row),
+        native.pointer(lens.config), native.pointer(lens.fields), len(lens.fields), None, None)
+    out = np.zeros(1, dtype=native.FIRST_ORDER)
+    for name in native.FIRST_ORDER.names:
+        out[name] = getattr(r, name)
+    return out[0]
+
+
+def seidel(lens, wave=None, short_wave=None, long_wave=None):
+    """Third-order sums of each contributing surface and in total (the
+    colour sums need the short and long rows; by default the first and
+    last wavelength): (SEIDEL_SURFACE array, SEIDEL_RESULT)."""
+    lens.check()
+    wave = _primary(lens) if wave is None else _index(wave, lens.wave_count, "wave")
+    short_wave = 0 if short_wave is None else _index(short_wave, lens.wave_count, "short_wave")
+    long_wave = (lens.wave_count - 1 if long_wave is None
+                 else _index(long_wave, lens.wave_count, "long_wave"))
+    rows = [np.ascontiguousarray(lens.indices[w]) for w in (wave, short_wave, long_wave)]
+    coefficients = np.zeros(lens.surface_count, dtype=native.SEIDEL_SURFACE)
+    result = np.zeros(1, dtype=native.SEIDEL_RESULT)
+    native.library().nuvrix_compute_seidel(
+        native.pointer(lens.surfaces), lens.surface_count, *[native.pointer(r) for r in rows],
+        native.pointer(lens.config), native.pointer(lens.fields), len(lens.fields),
+        native.pointer(coefficients), len(coefficients), native.pointer(result))
+    return coefficients[:int(result["count"][0])], result[0]
+
+
+def merit_jacobian(lens, analytic=True, threads=1):
+    """The residuals of lens.operands and their Jacobian with respect to the
+    unbounded coordinates of lens.variables (lens.pickups applied): (merit,
+    residuals, Jacobian of shape (residuals, variables)), analytic or by
+    finite differences over `threads` threads."""
+    lens.check()
+    m, v, threads = len(lens.operands), len(lens.variables), max(int(threads), 1)
+    n, f = lens.surface_count, len(lens.fields)
+    slots = max(2 * m, 1)
+    results = np.zeros(max(m, 1), dtype=native.RESULT)
+    residuals = np.zeros(slots)
+    work = np.zeros(n * threads, dtype=native.SURFACE)
+    work_fields = np.zeros(f * threads, dtype=native.FIELD)
+    thread_results = np.zeros(max(m, 1) * threads, dtype=native.RESULT)
+    thread_residuals = np.zeros(slots * threads)
+    jacobian = np.zeros(slots * max(v, 1))
+    count = np.zeros(1, dtype=np.int32)
+    merit = np.zeros(1)
+    sd = np.zeros(n + 1)
+    sd_rows = np.zeros(n + 1, dtype=np.int32)
+    status = native.library().nuvrix_evaluate_merit_and_jacobian(
+        native.pointer(lens.surfaces), n, native.pointer(lens.indices),
+        native.pointer(lens.wavelengths_um), lens.wave_count, native.pointer(lens.config),
+        native.pointer(lens.fields), f, native.pointer(lens.operands), m,
+        native.pointer(lens.variables), v, native.pointer(lens.pickups), len(lens.pickups),
+        1 if analytic else 0, 1 if threads > 1 else 0, threads, native.pointer(results),
+        native.pointer(residuals), native.pointer(work), native.pointer(work_fields),
+        native.pointer(thread_results), native.pointer(thread_residuals),
+        native.pointer(jacobian), native.pointer(count), native.pointer(merit),
+        native.pointer(sd), native.pointer(sd_rows), native.pointer(sd), native.pointer(sd),
+        native.pointer(sd))
+    words = {-2: "outside the analytic set, or a missing buffer", -3: "a variable of kind 5"}
+    if status != 0:
+        raise native.NuvrixError(words.get(status, "operands the engine does not support"),
+                                 status)
+    rows = int(count[0])
+    return float(merit[0]), residuals[:rows].copy(), jacobian[:rows * v].reshape(rows, v).copy()
+
+
+def evaluate_batched(lens, x, jacobian=False, threads=0, use_gpu=False, analytic=True):
+    """Many candidates in one call: x holds a row of lens.variables'
+    unbounded values a candidate.  Returns (merits, residuals of shape
+    (candidates, 2 operands), Jacobians of shape (candidates, 2 operands,
+    variables) or None); a candidate's rows beyond its residual count are
+    not written."""
+    lens.check()
+    x = np.ascontiguousarray(x, dtype=np.float64)
+    m, v = len(lens.operands), len(lens.variables)
+    if x.ndim != 2 or x.shape[1] != v:
+        raise native.NuvrixError(f"x must have the shape (candidates, {v})")
+    c, n, f = x.shape[0], lens.surface_count, len(lens.fields)
+    width = max(2 * m, 1)
+    lib = native.library()
+    size = lib.nuvrix_batched_scratch_size(c, n, f, m, v, 0, 0)
+    scratch = np.zeros(max(size, 16) // 8 + 2)
+    merits = np.zeros(max(c, 1))
+    residuals = np.zeros((max(c, 1), width))
+    jacobians = np.zeros((max(c, 1), width, max(v, 1))) if jacobian else None
+    results = np.zeros(max(c * m, 1), dtype=native.RESULT)
+    count = np.zeros(1, dtype=np.int32)
+    config = native.BatchedConfig(int(bool(use_gpu)), int(bool(analytic)), int(threads),
+                                  int(bool(jacobian)))
+    sd = np.zeros(n + 1)
+    sd_rows = np.zeros(n + 1, dtype=np.int32)
+    variables = lens.variables if v else np.zeros(1, dtype=native.VARIABLE)
+    status = lib.nuvrix_evaluate_merit_batched(
+        native.pointer(lens.surfaces), n, native.pointer(lens.indices),
+        native.pointer(lens.wavelengths_um), lens.wave_count, native.pointer(lens.config),
+        native.pointer(lens.fields), f, native.pointer(lens.operands), m,
+        native.pointer(variables), v, native.pointer(lens.pickups), len(lens.pickups), c,
+        native.pointer(x), native.pointer(residuals), native.pointer(jacobians),
+        native.pointer(results), native.pointer(merits), native.pointer(count),
+        config, native.pointer(scratch),
+        size, native.pointer(sd), native.pointer(sd_rows), native.pointer(sd),
+        native.pointer(sd), native.pointer(sd))
+    if status != 0:
+        raise native.NuvrixError("the batch failed", status)
+    return merits[:c], residuals[:c], None if jacobians is None else jacobians[:c, :, :v]
 
 
 def evaluate_merit(lens, operands=None):

@@ -191,3 +191,44 @@ def test_layout_rays_meet_at_the_image():
     heights = [path[-1, 1] for path in off]
     assert max(heights) - min(heights) < 0.2 and np.mean(heights) == pytest.approx(18.2, abs=0.2)
     assert (surfaces["semi_diameter"][1:] > 0).all()
+
+
+def test_first_order_seidel_and_jacobian():
+    lens = nuvrix.Lens.cooke_triplet()
+    fo = nuvrix.first_order(lens)
+    efl = nuvrix.library().nuvrix_calculate_efl(lens.surfaces.ctypes.data, 8,
+                                                np.ascontiguousarray(lens.indices[1]).ctypes.data)
+    assert fo["efl"] == pytest.approx(efl, rel=1e-12) and fo["entrance_pupil_diameter"] == 10.0
+    surfaces, total = nuvrix.seidel(lens)
+    assert len(surfaces) == total["count"] > 0
+    for name in ("s1", "s2", "s3", "s4", "s5"):
+        assert total[name] == pytest.approx(surfaces[name].sum(), rel=1e-9, abs=1e-12)
+    # The analytic Jacobian of the perturbed triplet against finite differences.
+    import pathlib
+    examples = pathlib.Path(__file__).resolve().parents[2] / "examples"
+    perturbed = nuvrix.Lens.from_file(examples / "cooke_perturbed.json")
+    merit, residuals, analytic = nuvrix.merit_jacobian(perturbed)
+    _, _, differences = nuvrix.merit_jacobian(perturbed, analytic=False, threads=2)
+    assert analytic.shape == (len(residuals), 8) and merit > 0
+    scale = np.abs(analytic).max()
+    assert np.abs(analytic - differences).max() < 1e-3 * scale
+
+
+def test_batch_candidates_are_their_single_evaluations():
+    import pathlib
+    examples = pathlib.Path(__file__).resolve().parents[2] / "examples"
+    lens = nuvrix.Lens.from_file(examples / "cooke_perturbed.json")
+    lens.variables = lens.variables[:6].copy()  # the six curvatures, unbounded: x is physical
+    base = lens.surfaces["curvature"][1:7]
+    x = np.array([base * (1.0 + 0.002 * k) for k in range(4)])
+    merits, residuals, jacobians = nuvrix.evaluate_batched(lens, x, jacobian=True, threads=2)
+    for k in range(4):
+        one = nuvrix.Lens.from_file(examples / "cooke_perturbed.json")
+        one.variables = lens.variables
+        one.surfaces["curvature"][1:7] = x[k]
+        merit, res, jac = nuvrix.merit_jacobian(one)
+        assert merits[k] == merit
+        assert np.array_equal(residuals[k][:len(res)], res)
+        assert np.array_equal(jacobians[k][:len(res)], jac)
+    with pytest.raises(nuvrix.NuvrixError):
+        nuvrix.evaluate_batched(lens, np.zeros((2, 5)))
