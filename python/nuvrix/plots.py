@@ -14,7 +14,7 @@ import numpy as np  # noqa: E402
 from . import calls  # noqa: E402
 
 __all__ = ["layout", "spot_diagrams", "ray_fans", "opd_fans", "wavefront_maps", "psfs", "mtf_curves",
-           "field_curvature_distortion", "encircled_energies", "write"]
+           "geometric_mtf_curves", "field_curvature_distortion", "encircled_energies", "write"]
 
 _COLOURS = ["tab:blue", "tab:green", "tab:red", "tab:purple", "tab:orange", "tab:brown"]
 
@@ -209,6 +209,28 @@ def mtf_curves(lens, grid_size=64):
     return fig
 
 
+def geometric_mtf_curves(lens):
+    """The geometric MTF of the spot's rays over every wavelength against
+    frequency up to 100 cycles/mm, tangential (solid) and sagittal
+    (dashed), a colour a field."""
+    fig, ax = plt.subplots(figsize=(7.0, 4.6))
+    for f in range(len(lens.fields)):
+        nu, t, s = calls.geometric_mtf(lens, f, grid_size=2048)
+        colour = _COLOURS[f % len(_COLOURS)]
+        ax.plot(nu, t, color=colour, label=f"{_field_label(lens, f)} T")
+        ax.plot(nu, s, color=colour, linestyle="--", label=f"{_field_label(lens, f)} S")
+        top = nu[-1]
+    ax.set_xlim(0.0, top)
+    ax.set_ylim(0.0, 1.02)
+    ax.set_xlabel("spatial frequency (cycles/mm)")
+    ax.set_ylabel("MTF")
+    ax.grid(alpha=0.3)
+    ax.legend(fontsize=8)
+    ax.set_title(f"Geometric MTF, all wavelengths: {lens.name}", fontsize=10)
+    fig.tight_layout()
+    return fig
+
+
 def field_curvature_distortion(lens):
     """Tangential and sagittal foci against the field (field curvature and
     astigmatism), and distortion in percent, at the primary wavelength."""
@@ -264,8 +286,9 @@ def write(lens, out):
     out = pathlib.Path(out)
     out.mkdir(parents=True, exist_ok=True)
     paths = []
-    for name, draw in [("layout", layout), ("spots", spot_diagrams), ("ray_fans", ray_fans), ("opd_fans", opd_fans),
-                       ("wavefront", wavefront_maps), ("psf", psfs), ("mtf", mtf_curves),
+    for name, draw in [("layout", layout), ("spots", spot_diagrams), ("ray_fans", ray_fans),
+                       ("opd_fans", opd_fans), ("wavefront", wavefront_maps), ("psf", psfs), ("mtf", mtf_curves),
+                       ("geometric_mtf", geometric_mtf_curves),
                        ("field_curves", field_curvature_distortion),
                        ("encircled_energy", encircled_energies)]:
         fig = draw(lens)

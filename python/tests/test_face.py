@@ -140,8 +140,8 @@ def test_every_plot_is_written(tmp_path):
     from nuvrix import __main__ as cli
     assert cli.main(["plots", "--out", str(tmp_path)]) == 0
     written = sorted(p.name for p in tmp_path.iterdir())
-    assert written == ["encircled_energy.png", "field_curves.png", "layout.png", "mtf.png",
-                       "opd_fans.png", "psf.png", "ray_fans.png", "spots.png", "wavefront.png"]
+    assert written == ["encircled_energy.png", "field_curves.png", "geometric_mtf.png",
+                       "layout.png", "mtf.png", "opd_fans.png", "psf.png", "ray_fans.png", "spots.png", "wavefront.png"]
     for p in tmp_path.iterdir():
         assert p.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n" and p.stat().st_size > 20000
     assert cli.main(["plots", str(tmp_path / "missing.json"), "--out", str(tmp_path)]) == 2
@@ -163,6 +163,16 @@ def test_diffraction_results_keep_their_closed_forms():
     assert image.max() == pytest.approx(1.0, rel=1e-12) and 0.0 < psf["strehl"] < 1.0
     tangential, sagittal = nuvrix.opd_fan(lens, 0, 20)
     assert np.allclose(tangential["value"], sagittal["value"], rtol=0, atol=1e-9)
+    # With diffraction the geometric curve is multiplied by the diffraction
+    # limit 2/pi (acos v - v sqrt(1 - v^2)), v the frequency over the cutoff.
+    for wave in (None, 1):
+        nu, t, s = nuvrix.geometric_mtf(lens, 2, wave=wave)
+        _, td, sd = nuvrix.geometric_mtf(lens, 2, wave=wave, diffraction=True)
+        v = nu / cutoff
+        limit = 2.0 / np.pi * (np.arccos(v) - v * np.sqrt(1.0 - v * v))
+        assert nu[-1] == 100.0 and t[0] == pytest.approx(1.0) and np.all(t <= 1.0 + 1e-12)
+        assert np.allclose(td, t * limit, rtol=1e-9, atol=1e-12)
+        assert np.allclose(sd, s * limit, rtol=1e-9, atol=1e-12)
 
 
 def test_field_curves_and_encircled_energy_keep_their_definitions():
