@@ -1,6 +1,7 @@
 """Python face of libnuvrix_native, the numerical engine of a lens design
 program: its records as NumPy structured dtypes, and its calls on NumPy
-arrays through ctypes."""
+arrays through ctypes; nuvrix.plots draws the figures and nuvrix.device
+runs on a CUDA device when the machine has one."""
 
 from ._native import (BATCHED, CONFIG, FIELD, OPERAND, PICKUP, RAY_RESULT, RESULT,
                       SPOT_HIT, SPOT_RESULT, SURFACE, VARIABLE, NuvrixError, library, load)
@@ -8,6 +9,7 @@ from .calls import (encircled_energy, evaluate_batched, evaluate_merit, field_cu
                     geometric_mtf, layout_rays, merit_jacobian, mtf, opd_fan, psf, quality,
                     ray_fan, seidel, spot_diagram, trace_rays, version, wavefront_map)
 from .lens import Lens
+from . import device  # noqa: E402  (nuvrix.device: the CUDA device's calls)
 
 __all__ = ["load", "library", "version", "Lens", "NuvrixError", "trace_rays", "spot_diagram",
            "ray_fan", "opd_fan", "quality", "wavefront_map", "psf", "mtf", "geometric_mtf",

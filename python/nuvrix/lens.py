@@ -89,6 +89,23 @@ class Lens:
             reader.nuvrix_lensfile_free(handle)
         return lens
 
+    def copy(self):
+        """A lens of copies of these records."""
+        other = Lens.__new__(Lens)
+        for key, value in self.__dict__.items():
+            setattr(other, key, value.copy() if isinstance(value, np.ndarray) else value)
+        return other
+
+    def solve_semi_diameters(self):
+        """Solves the automatic semi-diameters in place, as the engine does
+        for every evaluation."""
+        self.check()
+        native.library().nuvrix_solve_semi_diameters(
+            native.pointer(self.surfaces), self.surface_count, native.pointer(self.indices),
+            native.pointer(self.wavelengths_um), self.wave_count, native.pointer(self.config),
+            native.pointer(self.fields), len(self.fields))
+        return self
+
     @property
     def surface_count(self):
         return len(self.surfaces)
