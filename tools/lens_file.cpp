@@ -564,6 +564,18 @@ auto surface_slot(unsigned kind, int coefficient, S& s) -> decltype(&s.curvature
   }
 }
 
+// The merit, variables and pickups blocks that j holds, read for the lens's
+// records.
+void read_block_keys(const json& j, Lens& lens) {
+  if (j.contains("merit")) {
+    lens.merit = read_merit(j["merit"], lens);
+    const json& m = j["merit"];
+    lens.merit_is_default = m.is_string() || (m.is_object() && m.contains("default"));
+  }
+  if (j.contains("variables")) lens.variables = read_variables(j["variables"], lens);
+  if (j.contains("pickups")) lens.pickups = read_pickups(j["pickups"], lens);
+}
+
 }  // namespace
 
 const char* variable_kind_name(unsigned kind) {
@@ -645,15 +657,21 @@ bool load_lens_file(const std::string& path, Lens& lens, std::string& error) {
       error = path + ": " + error;
       return false;
     }
-    if (j.contains("merit")) {
-      lens.merit = read_merit(j["merit"], lens);
-      const json& m = j["merit"];
-      lens.merit_is_default = m.is_string() || (m.is_object() && m.contains("default"));
-    }
-    if (j.contains("variables")) lens.variables = read_variables(j["variables"], lens);
-    if (j.contains("pickups")) lens.pickups = read_pickups(j["pickups"], lens);
+    read_block_keys(j, lens);
   } catch (const std::exception& e) {
     error = path + ": " + e.what();
+    return false;
+  }
+  return true;
+}
+
+bool read_blocks(const std::string& text, Lens& lens, std::string& error) {
+  try {
+    const json j = json::parse(text);
+    check_keys(j, "blocks", {"merit", "variables", "pickups"});
+    read_block_keys(j, lens);
+  } catch (const std::exception& e) {
+    error = e.what();
     return false;
   }
   return true;

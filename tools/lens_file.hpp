@@ -76,6 +76,11 @@ bool build_lens(const Prescription& p, Lens& lens, std::string& error);
 // blocks; false with a one-line message.
 bool load_lens_file(const std::string& path, Lens& lens, std::string& error);
 
+// Reads the "merit", "variables" and "pickups" blocks of a JSON object (any
+// of them; no other key) with the rules of the lens file, for the records
+// that lens holds, into lens.  false with a one-line message on error.
+bool read_blocks(const std::string& text, Lens& lens, std::string& error);
+
 // The lens file's name of a variable kind ("curvature"), or nullptr for the
 // kinds that stand for no parameter (5, 6) and kinds above 13.
 const char* variable_kind_name(unsigned kind);

@@ -24,6 +24,24 @@ void copy_error(std::string const& message, char* error, int32_t capacity) {
   error[n] = '\0';
 }
 
+// A system of records as the reader holds it; false for counts below 1 or
+// a null array.
+bool from_records(const SurfaceData* surfaces, int32_t n, const double* indices,
+                  const double* wavelengths_um, int32_t wave_count, const SystemConfig* config,
+                  const FieldData* fields, int32_t field_count, lensfile::Lens& lens) {
+  if (surfaces == nullptr || indices == nullptr || wavelengths_um == nullptr ||
+      config == nullptr || fields == nullptr || n < 1 || wave_count < 1 || field_count < 1) {
+    return false;
+  }
+  lens.surfaces.assign(surfaces, surfaces + n);
+  lens.indices.assign(indices, indices + static_cast<long>(n) * wave_count);
+  lens.wavelengths_um.assign(wavelengths_um, wavelengths_um + wave_count);
+  lens.fields.assign(fields, fields + field_count);
+  lens.config = *config;
+  lens.media.assign(n, "");
+  return true;
+}
+
 template <typename T>
 void copy_out(std::vector<T> const& from, T* to) {
   if (to != nullptr && !from.empty()) std::memcpy(to, from.data(), sizeof(T) * from.size());
@@ -88,25 +106,40 @@ void nuvrix_lensfile_copy(const NuvrixLensFile* f, SurfaceData* surfaces, double
 
 void nuvrix_lensfile_free(NuvrixLensFile* f) { delete f; }
 
+int32_t nuvrix_lensfile_read_blocks(const char* text, const SurfaceData* surfaces, int32_t n,
+                                    const double* indices, const double* wavelengths_um,
+                                    int32_t wave_count, const SystemConfig* config,
+                                    const FieldData* fields, int32_t field_count,
+                                    NuvrixLensFile** out, char* error, int32_t capacity) {
+  if (out == nullptr) return -1;
+  *out = nullptr;
+  auto* file = new NuvrixLensFile;
+  std::string message = "a system needs surfaces, wavelengths and fields, and the blocks text";
+  if (text == nullptr || !from_records(surfaces, n, indices, wavelengths_um, wave_count, config,
+                                       fields, field_count, file->lens) ||
+      !lensfile::read_blocks(text, file->lens, message)) {
+    copy_error(message, error, capacity);
+    delete file;
+    return -1;
+  }
+  file->operands = file->lens.merit;
+  file->default_merit = file->lens.merit_is_default;
+  *out = file;
+  return 0;
+}
+
 int32_t nuvrix_lensfile_quality(const SurfaceData* surfaces, int32_t n, const double* indices,
                                 const double* wavelengths_um, int32_t wave_count,
                                 const SystemConfig* config, const FieldData* fields,
                                 int32_t field_count, double* out, char* error,
                                 int32_t capacity) {
-  if (surfaces == nullptr || indices == nullptr || wavelengths_um == nullptr ||
-      config == nullptr || fields == nullptr || out == nullptr || n < 1 || wave_count < 1 ||
-      field_count < 1 || config->primary_wavelength < 0 ||
-      config->primary_wavelength >= wave_count) {
+  lensfile::Lens lens;
+  if (out == nullptr || !from_records(surfaces, n, indices, wavelengths_um, wave_count, config,
+                                      fields, field_count, lens) ||
+      config->primary_wavelength < 0 || config->primary_wavelength >= wave_count) {
     copy_error("a system needs surfaces, wavelengths, fields and a primary row", error, capacity);
     return 0;
   }
-  lensfile::Lens lens;
-  lens.surfaces.assign(surfaces, surfaces + n);
-  lens.indices.assign(indices, indices + static_cast<long>(n) * wave_count);
-  lens.wavelengths_um.assign(wavelengths_um, wavelengths_um + wave_count);
-  lens.fields.assign(fields, fields + field_count);
-  lens.config = *config;
-  lens.media.assign(n, "");
   lensfile::QualitySetup const q = lensfile::quality_setup(lens);
   out[0] = q.reference_radius, out[1] = q.f_number, out[2] = q.cutoff;
   if (!q.usable) copy_error(q.problem, error, capacity);

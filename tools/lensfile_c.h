@@ -37,6 +37,19 @@ void nuvrix_lensfile_copy(const NuvrixLensFile* lens, SurfaceData* surfaces, dou
 
 void nuvrix_lensfile_free(NuvrixLensFile* lens);
 
+/* Reads the "merit", "variables" and "pickups" blocks of the JSON object
+ * text (any of them, no other key) with the lens file's rules, for the
+ * system of the records given (n surfaces, wave_count rows of n indices,
+ * field_count fields).  On success *out holds that system with the blocks
+ * (counts[6] 1 when the merit block asked for the default merit function;
+ * a block absent from text reads as empty) and 0 is returned; otherwise -1,
+ * with a one-line message in error. */
+int32_t nuvrix_lensfile_read_blocks(const char* text, const SurfaceData* surfaces, int32_t n,
+                                    const double* indices, const double* wavelengths_um,
+                                    int32_t wave_count, const SystemConfig* config,
+                                    const FieldData* fields, int32_t field_count,
+                                    NuvrixLensFile** out, char* error, int32_t capacity);
+
 /* The report's set-up of the diffraction analyses for a system of records:
  * out[0] the reference sphere's radius (mm), out[1] the working F-number,
  * out[2] the cutoff 1 / (lambda F) at the primary wavelength (cycles/mm),

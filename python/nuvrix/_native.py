@@ -249,6 +249,9 @@ def lensfile():
     lib.nuvrix_lensfile_copy.argtypes = [_P] * 9
     lib.nuvrix_lensfile_free.restype = None
     lib.nuvrix_lensfile_free.argtypes = [_P]
+    lib.nuvrix_lensfile_read_blocks.restype = _I
+    lib.nuvrix_lensfile_read_blocks.argtypes = [ctypes.c_char_p, _P, _I, _P, _P, _I, _P, _P, _I,
+                                                ctypes.POINTER(_P), ctypes.c_char_p, _I]
     lib.nuvrix_lensfile_quality.restype = _I
     lib.nuvrix_lensfile_quality.argtypes = [_P, _I, _P, _P, _I, _P, _P, _I, _P, ctypes.c_char_p, _I]
     _lensfile = lib

@@ -4,6 +4,7 @@ wavelengths, the configuration, and a merit function's operands,
 variables and pickups."""
 
 import ctypes
+import json
 
 import numpy as np
 
@@ -68,10 +69,15 @@ class Lens:
     @classmethod
     def _read(cls, path):
         reader = native.lensfile()
-        handle = ctypes.c_void_p()
         error = ctypes.create_string_buffer(512)
+        handle = ctypes.c_void_p()
         if reader.nuvrix_lensfile_load(path, ctypes.byref(handle), error, len(error)) != 0:
             raise native.NuvrixError(error.value.decode(errors="replace"))
+        return cls._take(reader, handle)
+
+    @classmethod
+    def _take(cls, reader, handle):
+        """The lens that a reader's handle holds; frees the handle."""
         try:
             counts = np.zeros(7, dtype=np.int32)
             reader.nuvrix_lensfile_counts(handle, counts.ctypes.data)
@@ -88,6 +94,88 @@ class Lens:
         finally:
             reader.nuvrix_lensfile_free(handle)
         return lens
+
+    def _read_blocks(self, **blocks):
+        """Reads lens-file blocks (merit, variables, pickups) with the tool's
+        reader against this lens's records, and takes them."""
+        self.check()
+        try:
+            text = json.dumps(blocks, allow_nan=False)
+        except (TypeError, ValueError) as e:
+            raise native.NuvrixError(f"the blocks are not JSON: {e}") from None
+        reader = native.lensfile()
+        error = ctypes.create_string_buffer(512)
+        handle = ctypes.c_void_p()
+        records = [self.surfaces, self.surface_count, self.indices, self.wavelengths_um,
+                   self.wave_count, self.config, self.fields, len(self.fields)]
+        records = [native.pointer(r) if isinstance(r, np.ndarray) else r for r in records]
+        if reader.nuvrix_lensfile_read_blocks(text.encode(), *records, ctypes.byref(handle),
+                                              error, len(error)) != 0:
+            raise native.NuvrixError(error.value.decode(errors="replace"))
+        read = Lens._take(reader, handle)
+        if "merit" in blocks:
+            self.operands, self.default_merit = read.operands, read.default_merit
+        if "variables" in blocks:
+            self.variables = read.variables
+        if "pickups" in blocks:
+            self.pickups = read.pickups
+
+    def set_merit(self, merit):
+        """The merit function as a lens file's merit block gives it: a list
+        of operands ({"operand": "EFFECTIVE_FOCAL_LENGTH" or its code, "target": .., "weight":
+        .., "field": .., "px": .., ...}), or "default", or {"default":
+        {"rings": .., "focal_length": ..}}.  The tool's reader reads it with
+        its rules (examples/README.md) against the present records, so set
+        surfaces, wavelengths and fields first."""
+        self._read_blocks(merit=merit)
+
+    def set_variables(self, variables):
+        """What an optimisation may change, as a lens file's variables block:
+        [{"kind": "curvature", "surface": 2, "lower": .., "upper": ..}, ..]."""
+        self._read_blocks(variables=variables)
+
+    def set_pickups(self, pickups):
+        """Parameters tied to others, as a lens file's pickups block:
+        [{"kind": "thickness", "target": 5, "source": 1, "factor": ..,
+        "offset": ..}, ..]."""
+        self._read_blocks(pickups=pickups)
+
+    def set_wavelengths(self, wavelengths_um, indices, primary=0):
+        """New wavelengths (micrometres) with the index behind every surface
+        at each: indices of shape (wavelengths, surfaces)."""
+        wavelengths_um = np.array(wavelengths_um, dtype=np.float64, ndmin=1)
+        indices = np.array(indices, dtype=np.float64, ndmin=2)
+        if indices.shape != (len(wavelengths_um), self.surface_count):
+            raise native.NuvrixError("indices must have the shape (wavelengths, surfaces)")
+        primary = int(primary)
+        if not 0 <= primary < len(wavelengths_um):
+            raise native.NuvrixError("primary must be a row of the wavelengths")
+        self.wavelengths_um, self.indices = wavelengths_um, np.ascontiguousarray(indices)
+        self.config["primary_wavelength"] = primary
+
+    def set_fields(self, field_y, field_x=None, heights=None):
+        """New fields: angles in degrees (or heights in mm with heights True;
+        None keeps the present kind)."""
+        field_y = np.array(field_y, dtype=np.float64, ndmin=1)
+        field_x = np.zeros_like(field_y) if field_x is None else \
+            np.array(field_x, dtype=np.float64, ndmin=1)
+        if len(field_y) < 1 or field_x.shape != field_y.shape:
+            raise native.NuvrixError("fields need as many x as y values, at least one")
+        self.fields = np.zeros(len(field_y), dtype=native.FIELD)
+        self.fields["field_y"], self.fields["field_x"] = field_y, field_x
+        if heights is not None:
+            self.config["field_type"] = 1 if heights else 0
+
+    _APERTURES = {"epd": 0, "fnumber": 1, "na": 2}
+
+    def set_aperture(self, value, kind="epd"):
+        """The aperture: "epd" the entrance pupil diameter in mm, "fnumber"
+        the image-space F-number, "na" the object-space numerical aperture."""
+        if kind not in self._APERTURES or not float(value) > 0.0:
+            raise native.NuvrixError(f"the aperture takes a positive value and a kind of "
+                                     f"{sorted(self._APERTURES)}")
+        self.config["aperture_type"] = self._APERTURES[kind]
+        self.config["aperture_value"] = float(value)
 
     def copy(self):
         """A lens of copies of these records."""

@@ -127,6 +127,44 @@ def test_lens_files_are_read_by_the_tools_reader(tmp_path):
         nuvrix.Lens.from_file(bad)
 
 
+def test_lens_edits_are_read_with_the_files_rules():
+    import json
+    import pathlib
+    examples = pathlib.Path(__file__).resolve().parents[2] / "examples"
+    for name in ("cooke_triplet_merit.json", "cooke_perturbed.json"):
+        path = examples / name
+        from_file = nuvrix.Lens.from_file(path)
+        blocks = json.loads(path.read_text())
+        edited = from_file.copy()
+        edited.operands = edited.operands[:0]
+        edited.variables = edited.variables[:0]
+        edited.set_merit(blocks.get("merit", "default"))
+        edited.set_variables(blocks.get("variables", []))
+        edited.set_pickups(blocks.get("pickups", []))
+        for block in ("operands", "variables", "pickups"):
+            assert getattr(edited, block).tobytes() == getattr(from_file, block).tobytes()
+    lens = nuvrix.Lens.cooke_triplet()
+    for bad in ([{"operand": "NO_SUCH_OPERAND"}], [{"operand": "RAY_X", "field": 4}],
+                float("inf")):
+        with pytest.raises(nuvrix.NuvrixError):
+            lens.set_merit(bad)
+    with pytest.raises(nuvrix.NuvrixError):
+        lens.set_variables([{"kind": "curvature", "surface": 99}])
+    # One wavelength of the three, a new pupil and new fields: the paraxial
+    # data of that row, the pupil asked for, the fields' count.
+    efl = nuvrix.first_order(lens, wave=2)["efl"]
+    lens.set_wavelengths([lens.wavelengths_um[2]], [lens.indices[2]])
+    lens.set_aperture(8.0)
+    lens.set_fields([0.0, 5.0, 10.0, 15.0])
+    first = nuvrix.first_order(lens)
+    assert first["efl"] == pytest.approx(efl, rel=1e-12)
+    assert first["entrance_pupil_diameter"] == pytest.approx(8.0, rel=1e-12)
+    spots = [nuvrix.spot_diagram(lens, f)[0]["rms_radius"] for f in (0, 3)]
+    assert spots[1] > spots[0] > 0.0
+    with pytest.raises(nuvrix.NuvrixError):
+        lens.set_wavelengths([0.5, 0.6], [lens.indices[0]])
+
+
 def test_ray_fans_of_the_axis_are_alike():
     # On the axis of a system of revolution the sagittal fan is the
     # tangential one, and both are odd in the pupil coordinate.
