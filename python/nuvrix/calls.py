@@ -29,11 +29,13 @@ def _index(value, count, what):
     return value
 
 
-def trace_rays(lens, launches, wave=0, start_surface=1, last_surface=0):
+def trace_rays(lens, launches, wave=0, start_surface=1, last_surface=0, out=None):
     """Real rays of (x, y, l, m, n) launches (an array of shape (count, 5))
     from the frame of surface start_surface - 1 to last_surface (0: the
     image), apertures in force, on index row `wave`; a structured array of
-    RAY_RESULT, one record a launch, each what nuvrix_trace_ray gives."""
+    RAY_RESULT, one record a launch, each what nuvrix_trace_ray gives
+    (written into out when given: a RAY_RESULT array of count records,
+    kept from call to call)."""
     lens.check()
     launches = np.ascontiguousarray(launches, dtype=np.float64)
     if launches.ndim != 2 or launches.shape[1] != 5:
@@ -42,7 +44,12 @@ def trace_rays(lens, launches, wave=0, start_surface=1, last_surface=0):
     start_surface = _index(start_surface, lens.surface_count, "start_surface")
     if start_surface < 1:
         raise native.NuvrixError("start_surface must be at least 1")
-    out = np.zeros(len(launches), dtype=native.RAY_RESULT)
+    if out is None:
+        out = np.empty(len(launches), dtype=native.RAY_RESULT)  # every record is written
+    elif (not isinstance(out, np.ndarray) or out.dtype != native.RAY_RESULT
+          or out.shape != (len(launches),) or not out.flags.c_contiguous
+          or not out.flags.writeable):
+        raise native.NuvrixError("out must be a writeable RAY_RESULT array of one record a launch")
     row = np.ascontiguousarray(lens.indices[wave])
     status = native.library().nuvrix_trace_rays(
         native.pointer(lens.surfaces), lens.surface_count, native.pointer(row), start_surface,

@@ -43,6 +43,11 @@ def test_many_rays_are_the_single_traces():
                                    *map(float, u), 587.6)
         assert (one.x, one.y, one.l, one.m, one.valid) == (
             many["x"][i], many["y"][i], many["l"][i], many["m"][i], many["valid"][i])
+    kept = np.full(300, 7, dtype=nuvrix.RAY_RESULT)
+    assert nuvrix.trace_rays(lens, launches, out=kept) is kept
+    assert np.array_equal(kept, many)
+    with pytest.raises(nuvrix.NuvrixError):
+        nuvrix.trace_rays(lens, launches, out=kept[:299])
 
 
 def test_spot_radius_is_the_rms_of_its_hits():
