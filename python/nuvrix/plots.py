@@ -182,53 +182,58 @@ def psfs(lens, grid_size=64):
     return fig
 
 
+def _per_field(lens, curve, xlabel, ylabel, title, extra=None):
+    """One axis of curves from 0 to 1, a colour a field: curve(f) gives the
+    abscissae and the (values, label, line style) of field f; extra(ax)
+    draws what every field shares."""
+    fig, ax = plt.subplots(figsize=(7.0, 4.6))
+    for f in range(len(lens.fields)):
+        x, lines = curve(f)
+        colour = _COLOURS[f % len(_COLOURS)]
+        for values, label, style in lines:
+            ax.plot(x, values, color=colour, linestyle=style,
+                    label=f"{_field_label(lens, f)} {label}")
+    if extra is not None:
+        extra(ax)
+    ax.set_xlim(0.0, x[-1])
+    ax.set_ylim(0.0, 1.02)
+    ax.set_xlabel(xlabel)
+    ax.set_ylabel(ylabel)
+    ax.grid(alpha=0.3)
+    ax.legend(fontsize=8)
+    ax.set_title(title, fontsize=10)
+    fig.tight_layout()
+    return fig
+
+
+def _tangential_sagittal(nu, t, s):
+    return nu, [(t, "T", "-"), (s, "S", "--")]
+
+
 def mtf_curves(lens, grid_size=64):
     """The diffraction MTF at the primary wavelength against frequency,
     tangential (solid) and sagittal (dashed), a colour a field, with the
     diffraction limit of the same aperture."""
-    fig, ax = plt.subplots(figsize=(7.0, 4.6))
-    cutoff = 0.0
-    for f in range(len(lens.fields)):
-        nu, t, s, cutoff = calls.mtf(lens, f, grid_size)
-        colour = _COLOURS[f % len(_COLOURS)]
-        ax.plot(nu, t, color=colour, label=f"{_field_label(lens, f)} T")
-        ax.plot(nu, s, color=colour, linestyle="--", label=f"{_field_label(lens, f)} S")
-    nu = np.linspace(0.0, cutoff, 200)
-    phi = np.arccos(np.clip(nu / cutoff, 0.0, 1.0))
-    ax.plot(nu, 2.0 / np.pi * (phi - np.cos(phi) * np.sin(phi)), color="black", linewidth=1.0,
-            label="diffraction limit")
-    ax.set_xlim(0.0, cutoff)
-    ax.set_ylim(0.0, 1.02)
-    ax.set_xlabel("spatial frequency (cycles/mm)")
-    ax.set_ylabel("MTF")
-    ax.grid(alpha=0.3)
-    ax.legend(fontsize=8)
-    ax.set_title(f"Diffraction MTF at {_wave_label(lens, calls._primary(lens))}: {lens.name}",
-                 fontsize=10)
-    fig.tight_layout()
-    return fig
+    cutoff = calls.quality(lens)[2]
+
+    def limit(ax):
+        phi = np.arccos(np.linspace(0.0, 1.0, 200))
+        ax.plot(np.cos(phi) * cutoff, 2.0 / np.pi * (phi - np.cos(phi) * np.sin(phi)),
+                color="black", linewidth=1.0, label="diffraction limit")
+
+    return _per_field(lens, lambda f: _tangential_sagittal(*calls.mtf(lens, f, grid_size)[:3]),
+                      "spatial frequency (cycles/mm)", "MTF",
+                      f"Diffraction MTF at {_wave_label(lens, calls._primary(lens))}: {lens.name}",
+                      limit)
 
 
 def geometric_mtf_curves(lens):
     """The geometric MTF of the spot's rays over every wavelength against
     frequency up to 100 cycles/mm, tangential (solid) and sagittal
     (dashed), a colour a field."""
-    fig, ax = plt.subplots(figsize=(7.0, 4.6))
-    for f in range(len(lens.fields)):
-        nu, t, s = calls.geometric_mtf(lens, f, grid_size=2048)
-        colour = _COLOURS[f % len(_COLOURS)]
-        ax.plot(nu, t, color=colour, label=f"{_field_label(lens, f)} T")
-        ax.plot(nu, s, color=colour, linestyle="--", label=f"{_field_label(lens, f)} S")
-        top = nu[-1]
-    ax.set_xlim(0.0, top)
-    ax.set_ylim(0.0, 1.02)
-    ax.set_xlabel("spatial frequency (cycles/mm)")
-    ax.set_ylabel("MTF")
-    ax.grid(alpha=0.3)
-    ax.legend(fontsize=8)
-    ax.set_title(f"Geometric MTF, all wavelengths: {lens.name}", fontsize=10)
-    fig.tight_layout()
-    return fig
+    return _per_field(
+        lens, lambda f: _tangential_sagittal(*calls.geometric_mtf(lens, f, grid_size=2048)),
+        "spatial frequency (cycles/mm)", "MTF", f"Geometric MTF, all wavelengths: {lens.name}")
 
 
 def field_curvature_distortion(lens):
@@ -263,22 +268,12 @@ def field_curvature_distortion(lens):
 def encircled_energies(lens):
     """Encircled energy against the radius, a colour a field: from the
     diffraction PSF (solid) and from the geometric spot (dashed)."""
-    fig, ax = plt.subplots(figsize=(7.0, 4.6))
-    for f in range(len(lens.fields)):
+    def curve(f):
         radius, diffraction, geometric = calls.encircled_energy(lens, f)
-        colour = _COLOURS[f % len(_COLOURS)]
-        ax.plot(radius, diffraction, color=colour, label=f"{_field_label(lens, f)} diffraction")
-        ax.plot(radius, geometric, color=colour, linestyle="--",
-                label=f"{_field_label(lens, f)} geometric")
-    ax.set_xlim(0.0, radius[-1])
-    ax.set_ylim(0.0, 1.02)
-    ax.set_xlabel("radius (um)")
-    ax.set_ylabel("encircled energy")
-    ax.grid(alpha=0.3)
-    ax.legend(fontsize=8)
-    ax.set_title(f"Encircled energy: {lens.name}", fontsize=10)
-    fig.tight_layout()
-    return fig
+        return radius, [(diffraction, "diffraction", "-"), (geometric, "geometric", "--")]
+
+    return _per_field(lens, curve, "radius (um)", "encircled energy",
+                      f"Encircled energy: {lens.name}")
 
 
 def write(lens, out):
@@ -287,7 +282,8 @@ def write(lens, out):
     out.mkdir(parents=True, exist_ok=True)
     paths = []
     for name, draw in [("layout", layout), ("spots", spot_diagrams), ("ray_fans", ray_fans),
-                       ("opd_fans", opd_fans), ("wavefront", wavefront_maps), ("psf", psfs), ("mtf", mtf_curves),
+                       ("opd_fans", opd_fans), ("wavefront", wavefront_maps), ("psf", psfs),
+                       ("mtf", mtf_curves),
                        ("geometric_mtf", geometric_mtf_curves),
                        ("field_curves", field_curvature_distortion),
                        ("encircled_energy", encircled_energies)]:
