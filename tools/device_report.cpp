@@ -32,21 +32,6 @@ double seconds_since(std::chrono::steady_clock::time_point t0) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 }
 
-// The lens's glasses as a device catalogue: one row for each surface that
-// is followed by glass (its indices at every wavelength), air elsewhere.
-void glass_catalogue(const Lens& lens, std::vector<double>& catalog, std::vector<int>& ids) {
-  const int n = lens.count(), W = static_cast<int>(lens.wavelengths_um.size());
-  ids.assign(n, -1);
-  int rows = 0;
-  for (int k = 0; k < n; ++k) {
-    bool air = true;
-    for (int w = 0; w < W; ++w) air = air && lens.index(w, k) == 1.0;
-    if (air) continue;
-    ids[k] = rows++;
-    for (int w = 0; w < W; ++w) catalog.push_back(lens.index(w, k));
-  }
-}
-
 void population_on_device(const Lens& lens) {
   const std::vector<MeritOperandDesc> ops =
       !lens.merit.empty() ? lens.merit : default_merit_function(lens, kDefaultRings);
@@ -55,7 +40,6 @@ void population_on_device(const Lens& lens) {
   std::vector<double> catalog;
   std::vector<int> one;
   glass_catalogue(lens, catalog, one);
-  if (catalog.empty()) catalog.assign(W, 1.0);  // a catalogue of one row that no id names
   const int rows = static_cast<int>(catalog.size()) / W;
   std::vector<int> ids;
   std::vector<double> curv, thick, conic;
@@ -144,6 +128,22 @@ void print_device(const Lens& lens) {
       q.max_threads_per_multiprocessor, q.max_threads_per_block, q.warp_size,
       nuvrix_gpu_merit_value_fill_count());
   population_on_device(lens);
+}
+
+// The lens's glasses as a device catalogue: one row for each surface that
+// is followed by glass (its indices at every wavelength), air elsewhere.
+void glass_catalogue(const Lens& lens, std::vector<double>& catalog, std::vector<int>& ids) {
+  const int n = lens.count(), W = static_cast<int>(lens.wavelengths_um.size());
+  ids.assign(n, -1);
+  int rows = 0;
+  for (int k = 0; k < n; ++k) {
+    bool air = true;
+    for (int w = 0; w < W; ++w) air = air && lens.index(w, k) == 1.0;
+    if (air) continue;
+    ids[k] = rows++;
+    for (int w = 0; w < W; ++w) catalog.push_back(lens.index(w, k));
+  }
+  if (catalog.empty()) catalog.assign(W, 1.0);  // a device catalogue holds a row at least
 }
 
 }  // namespace lensfile

@@ -85,4 +85,9 @@ void print_batch(const Lens& lens);
 // the CPU.
 void print_device(const Lens& lens);
 
+// The lens's glasses as a device catalogue: one row for each surface that
+// is followed by glass (its indices at every wavelength; ids[k] its row),
+// air (id -1) elsewhere; a lens without glass gets one row of air.
+void glass_catalogue(const Lens& lens, std::vector<double>& catalog, std::vector<int>& ids);
+
 }  // namespace lensfile

@@ -18,6 +18,7 @@
 
 #include "kernels/de_bodies.cuh"
 #include "tools/merit_function.hpp"
+#include "tools/report.hpp"
 
 namespace lensfile {
 namespace {
@@ -245,22 +246,6 @@ struct Device {
   }
 };
 
-// The lens's glasses as a catalogue: one row for each surface followed by
-// glass (its indices at every wavelength), air elsewhere.
-void catalogue(const Lens& lens, std::vector<double>& catalog, std::vector<int>& ids) {
-  const int n = lens.count(), W = static_cast<int>(lens.wavelengths_um.size());
-  ids.assign(n, -1);
-  int rows = 0;
-  for (int k = 0; k < n; ++k) {
-    bool air = true;
-    for (int w = 0; w < W; ++w) air = air && lens.index(w, k) == 1.0;
-    if (air) continue;
-    ids[k] = rows++;
-    for (int w = 0; w < W; ++w) catalog.push_back(lens.index(w, k));
-  }
-  if (catalog.empty()) catalog.assign(W, 1.0);
-}
-
 // The whole search on the device; the population crosses the bus at the
 // start, the merits every `every` generations for the printout, and the
 // best candidate at the end.
@@ -270,7 +255,7 @@ bool device_search(const Problem& p, Rows& population, const Options& o) {
   const int F = static_cast<int>(L.fields.size()), O = static_cast<int>(p.ops.size());
   std::vector<double> catalog;
   std::vector<int> ids;
-  catalogue(L, catalog, ids);
+  glass_catalogue(L, catalog, ids);
   for (int i = 0; i < P; ++i) std::copy(ids.begin(), ids.end(), population.materials.begin() + i * n);
   const size_t cells = static_cast<size_t>(P) * n;
   Device d;
