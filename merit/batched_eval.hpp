@@ -4,6 +4,7 @@
 #pragma once
 
 #include "api/nuvrix.h"
+#include "merit/merit_jacobian.hpp"
 
 namespace nuvrix {
 
@@ -37,22 +38,7 @@ namespace detail {
 constexpr int kBatchStackOperands = 2048;
 
 // The inputs shared by every candidate of a batch.
-struct BatchSystem {
-  SurfaceData const* surfaces;
-  int n;
-  double const* index_table;
-  double const* wavelengths;
-  int wave_count;
-  SystemConfig const* config;
-  FieldData const* fields;
-  int field_count;
-  MeritOperandDesc const* ops;
-  int operand_count;
-  MeritVariableDesc const* variables;
-  int variable_count;
-  MeritPickupDesc const* pickups;
-  int pickup_count;
-};
+using BatchSystem = JacobianInputs;
 
 // Where one candidate lives while it is evaluated: its system, a second
 // copy to work in, and its slices of the outputs (results and jacobian

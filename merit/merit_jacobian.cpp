@@ -12,24 +12,6 @@
 namespace nuvrix {
 namespace {
 
-// The inputs shared by every evaluation of one call.
-struct JacobianInputs {
-  SurfaceData const* surfaces;
-  int n;
-  double const* index_table;
-  double const* wavelengths;
-  int wave_count;
-  SystemConfig const* config;
-  FieldData const* fields;
-  int field_count;
-  MeritOperandDesc const* ops;
-  int operand_count;
-  MeritVariableDesc const* variables;
-  int variable_count;
-  MeritPickupDesc const* pickups;
-  int pickup_count;
-};
-
 // One thread's work area and result buffers.
 struct ThreadArea {
   SurfaceData* surfaces;

@@ -35,6 +35,25 @@ int evaluate_merit_jacobian_analytic(
     double* residuals, SurfaceData* work_surfaces, FieldData* work_fields, double* jacobian,
     int* residual_count, double* merit);
 
+// The inputs of one system that every evaluation of a call shares (the
+// Jacobian's perturbed copies, a batch's candidates).
+struct JacobianInputs {
+  SurfaceData const* surfaces;
+  int n;
+  double const* index_table;
+  double const* wavelengths;
+  int wave_count;
+  SystemConfig const* config;
+  FieldData const* fields;
+  int field_count;
+  MeritOperandDesc const* ops;
+  int operand_count;
+  MeritVariableDesc const* variables;
+  int variable_count;
+  MeritPickupDesc const* pickups;
+  int pickup_count;
+};
+
 namespace detail {
 
 // The analytic method; with follow_aim false an aimed launch keeps the
